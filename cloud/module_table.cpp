@@ -1,0 +1,23 @@
+// The daemon's modules in link order. Start order is by level; modules of
+// equal level start in the order of this table and stop in reverse.
+#include "jos.h"
+
+extern jos_module_t cmds_module;
+extern jos_module_t mgmt_module;
+extern jos_module_t cpu_module;
+extern jos_module_t thread_module;
+extern jos_module_t config_module;
+extern jos_module_t delaymb_module;
+extern jos_module_t dbf_module;
+
+jos_module_t* const _module_data[] = {
+    &cmds_module,
+    &mgmt_module,
+    &cpu_module,
+    &thread_module,
+    &config_module,
+    &delaymb_module,
+    &dbf_module,
+};
+
+const size_t _module_count = sizeof(_module_data) / sizeof(_module_data[0]);

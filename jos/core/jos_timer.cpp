@@ -1,0 +1,69 @@
+// Timers and the clock. Timers are measured on a monotonic nanosecond
+// counter; periods are kept in milliseconds.
+#include "jos_timer.h"
+
+static jos_timer_t* _timer_head;
+static std::atomic<int64_t> _clock_offset;
+
+uint64_t _jos_counterfreq = 1000000000ULL;
+std::atomic<time_t> _jos_timesec;
+
+uint64_t jos_counter()
+{
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<uint64_t>(ts.tv_sec + _clock_offset.load()) * 1000000000ULL +
+           static_cast<uint64_t>(ts.tv_nsec);
+}
+
+time_t jos_time()
+{
+    return time(nullptr) + _clock_offset.load();
+}
+
+void jos_clock_step(int64_t seconds)
+{
+    _clock_offset += seconds;
+    _jos_timesec = jos_time();
+}
+
+// A timer first runs one full period after loading; newest timers are
+// visited first.
+void timer_load(jos_timer_t* t)
+{
+    t->lastick = jos_counter();
+    t->next = _timer_head;
+    _timer_head = t;
+}
+
+void timer_unload(jos_timer_t* t)
+{
+    for (jos_timer_t** pp = &_timer_head; *pp != nullptr; pp = &(*pp)->next) {
+        if (*pp == t) {
+            *pp = t->next;
+            t->next = nullptr;
+            return;
+        }
+    }
+}
+
+// A late timer is not caught up: its next run is one period after this one.
+void timer_scan_at(uint64_t counter, time_t now)
+{
+    _jos_timesec = now;
+    for (jos_timer_t* t = _timer_head; t != nullptr;) {
+        jos_timer_t* next = t->next;
+        uint64_t period = ((_jos_counterfreq * t->timeout) / 8) / 125;
+        if (t->lastick + period <= counter) {
+            t->lastick = counter;
+            t->func(nullptr);
+        }
+        t = next;
+    }
+}
+
+void timer_scan()
+{
+    time_t now = jos_time();
+    timer_scan_at(jos_counter(), now);
+}

@@ -1,0 +1,15 @@
+// Socket helpers that take an address as one string:
+//   [udp:]a.b.c.d:port   IPv4 (0.0.0.0 = any address)
+//   [udp:]/some/path     Unix domain
+// The ':' of an IPv4 address is overwritten, so the string must be writable.
+#pragma once
+
+#include <cstddef>
+
+int socket_listen(char* addr);
+int udp_listen(int port);
+int socket_connect(char* addr);
+int socket_accept(int lsock, int timeout_ms);
+int socket_readable(int sock, int timeout_ms);
+int socket_receive(int sock, void* buf, int len);
+int socket_send(int sock, const void* buf, int len);

@@ -2,6 +2,7 @@
 // equal level start in the order of this table and stop in reverse.
 #include "jos.h"
 
+extern jos_module_t cloud_module;
 extern jos_module_t cmds_module;
 extern jos_module_t mgmt_module;
 extern jos_module_t cpu_module;
@@ -11,6 +12,7 @@ extern jos_module_t delaymb_module;
 extern jos_module_t dbf_module;
 
 jos_module_t* const _module_data[] = {
+    &cloud_module,
     &cmds_module,
     &mgmt_module,
     &cpu_module,

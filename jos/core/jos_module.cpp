@@ -289,6 +289,8 @@ int module_minit(jos_module_t* const* table, size_t count)
     }
     jos_cmd_register(JOS_CMD_MODLIST, module_cmd_list);
     jos_cmd_register(JOS_CMD_MODSTAT, module_cmd_stat);
+    if (jos_hasroot())
+        jos_cmd_register(JOS_CMD_CLOCKSTEP, jos_cmd_clockstep);
     return 0;
 }
 

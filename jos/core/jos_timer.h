@@ -26,6 +26,8 @@ extern uint64_t _jos_counterfreq;
 // Seconds added to the daemon's clock (both the counter and the wall time);
 // only test runs move it.
 void jos_clock_step(int64_t seconds);
+void jos_cmd_clockstep(jos_cmdarg_t* ca);
+constexpr int JOS_CMD_CLOCKSTEP = 389;
 
 // Present time in whole seconds, refreshed at every timer scan.
 extern std::atomic<time_t> _jos_timesec;

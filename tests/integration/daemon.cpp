@@ -1,13 +1,18 @@
 #include "daemon.h"
 
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <filesystem>
+#include <string_view>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -51,6 +56,23 @@ daemon_proc::daemon_proc()
     root_ = tmpl;
     fs::create_directories(root_ + "/var/tmp");
     fs::create_directories(root_ + "/etc");
+    fs::create_directories(root_ + "/tmp");
+    device_port_ = free_udp_port();
+    write_file(root_ + "/etc/cloud.conf", "device_port=" + std::to_string(device_port_) + "\n");
+}
+
+int free_udp_port()
+{
+    int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in sa{};
+    sa.sin_family = AF_INET;
+    sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof(sa);
+    if (bind(fd, reinterpret_cast<sockaddr*>(&sa), sizeof(sa)) != 0 ||
+        getsockname(fd, reinterpret_cast<sockaddr*>(&sa), &len) != 0)
+        throw std::runtime_error("no free UDP port");
+    close(fd);
+    return ntohs(sa.sin_port);
 }
 
 daemon_proc::~daemon_proc()
@@ -61,7 +83,7 @@ daemon_proc::~daemon_proc()
     fs::remove_all(root_, ec);
 }
 
-void daemon_proc::start()
+void daemon_proc::spawn()
 {
     std::string logpath = root_ + "/daemon.log";
     posix_spawn_file_actions_t fa;
@@ -71,12 +93,56 @@ void daemon_proc::start()
     posix_spawn_file_actions_addchdir_np(&fa, root_.c_str());
     std::string bin = CLOUD_BIN;
     char* argv[] = {bin.data(), const_cast<char*>("-f"), const_cast<char*>("-r"), root_.data(), nullptr};
-    int rc = posix_spawn(&pid_, bin.c_str(), &fa, nullptr, argv, environ);
+    std::vector<char*> envp;
+    for (char** e = environ; *e != nullptr; e++) {
+        std::string_view name(*e, std::strcspn(*e, "="));
+        bool replaced = false;
+        for (const std::string& x : env_)
+            replaced = replaced || x.compare(0, name.size() + 1, std::string(name) + "=") == 0;
+        if (!replaced)
+            envp.push_back(*e);
+    }
+    for (std::string& e : env_)
+        envp.push_back(e.data());
+    envp.push_back(nullptr);
+    int rc = posix_spawn(&pid_, bin.c_str(), &fa, nullptr, argv, envp.data());
     posix_spawn_file_actions_destroy(&fa);
     if (rc != 0)
         throw std::runtime_error("cannot start " + bin);
+}
+
+// The device socket is bound by the receive thread once it runs: a bind of
+// the same port without port sharing fails from then on.
+static bool udp_port_taken(int port)
+{
+    int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in sa{};
+    sa.sin_family = AF_INET;
+    sa.sin_port = htons(static_cast<uint16_t>(port));
+    bool taken = bind(fd, reinterpret_cast<sockaddr*>(&sa), sizeof(sa)) != 0;
+    close(fd);
+    return taken;
+}
+
+void daemon_proc::start()
+{
+    spawn();
     if (!wait_log("######cloud startup!", std::chrono::seconds(30)))
         throw std::runtime_error("daemon did not start:\n" + log());
+    if (log().find("######cloud startup!") != std::string::npos &&
+        !wait_until([&] { return udp_port_taken(device_port_); }, std::chrono::seconds(10)))
+        throw std::runtime_error("device socket not bound:\n" + log());
+}
+
+int daemon_proc::run_to_exit(std::chrono::milliseconds limit)
+{
+    spawn();
+    int status = -1;
+    bool done = wait_until([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }, limit);
+    if (!done)
+        return signal_and_wait(SIGKILL, std::chrono::seconds(5)), -1;
+    pid_ = -1;
+    return status;
 }
 
 int daemon_proc::signal_and_wait(int sig, std::chrono::milliseconds limit)

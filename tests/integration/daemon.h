@@ -7,6 +7,7 @@
 #include <chrono>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "cloudctl_client.h"
 
@@ -19,11 +20,20 @@ public:
     daemon_proc& operator=(const daemon_proc&) = delete;
 
     const std::string& root() const { return root_; }
+    // UDP port of the device socket (written into /etc/cloud.conf).
+    int device_port() const { return device_port_; }
     std::string path(const std::string& abs) const { return root_ + abs; }
     std::string sock() const { return cloudctl_sockpath(root_); }
 
-    // Starts build/cloud -f -r ROOT and waits for its start-up line.
+    // Starts build/cloud -f -r ROOT and waits for its start-up line and,
+    // when it has one, for its device socket.
     void start();
+    // Starts it and waits for it to end by itself; returns the wait status.
+    int run_to_exit(std::chrono::milliseconds limit = std::chrono::seconds(30));
+    // Extra environment for the daemon (set before start).
+    void setenv(const std::string& name, const std::string& value) { env_.push_back(name + "=" + value); }
+    // Moves the daemon's clock (test roots only).
+    void step_clock(long seconds) const { cmd(nullptr, 389, "sec=" + std::to_string(seconds)); }
     // SIGTERM, then waits for the exit; returns the wait status.
     int stop(std::chrono::milliseconds limit = std::chrono::seconds(10));
     // Sends a signal and waits for the process to end; returns the status.
@@ -42,7 +52,13 @@ public:
 private:
     std::string root_;
     pid_t pid_ = -1;
+    int device_port_ = 0;
+    std::vector<std::string> env_;
+    void spawn();
 };
+
+// A free UDP port on loopback (bound once and released).
+int free_udp_port();
 
 // Polls COND until it holds or LIMIT passes.
 bool wait_until(const std::function<bool()>& cond, std::chrono::milliseconds limit);

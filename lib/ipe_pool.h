@@ -1,0 +1,124 @@
+// A fixed pool of records: one zeroed block allocated at start-up, a free
+// list that hands slots out from the first up, and a hash index of NB chains
+// keyed by a NUL-terminated text field. Records are never returned to the
+// system; a slot is in use exactly when its key's first byte is non-zero.
+//
+// T must be trivially copyable and have a `T* next` member, used as the
+// chain link while in use and as the free-list link while free.
+#pragma once
+
+#include <cstdlib>
+#include <cstring>
+#include <type_traits>
+
+#include "ipe_jhash.h"
+#include "jos.h"
+
+template <typename T, size_t N, size_t NB, auto Key>
+class ipe_pool {
+    static_assert(std::is_trivially_copyable_v<T>);
+    static_assert((NB & (NB - 1)) == 0, "bucket count must be a power of two");
+
+public:
+    static constexpr size_t capacity = N;
+
+    static const char* key(const T* r) { return r->*Key; }
+    static unsigned bucket(const char* k) { return ipe_jhash(k) & (NB - 1); }
+
+    // Allocates the block and threads the free list so that slot 0 is
+    // handed out first. Returns -1 when the allocation fails.
+    int init()
+    {
+        base_ = static_cast<T*>(std::calloc(N, sizeof(T)));
+        if (base_ == nullptr)
+            return -1;
+        freelist_ = nullptr;
+        for (size_t i = N; i-- > 0;) {
+            base_[i].next = freelist_;
+            freelist_ = &base_[i];
+        }
+        std::memset(tbl_, 0, sizeof(tbl_));
+        count_ = 0;
+        last_ = base_;
+        return 0;
+    }
+
+    // Takes the head of the free list; null when the pool is full.
+    T* alloc()
+    {
+        T* r = freelist_;
+        if (r == nullptr)
+            return nullptr;
+        freelist_ = r->next;
+        r->next = nullptr;
+        if (r > last_)
+            last_ = r;
+        count_++;
+        return r;
+    }
+
+    // Puts a record (key filled in) at the head of its chain.
+    void link(T* r)
+    {
+        unsigned b = bucket(key(r));
+        r->next = tbl_[b];
+        tbl_[b] = r;
+    }
+
+    T* find(const char* k) const
+    {
+        for (T* r = tbl_[bucket(k)]; r != nullptr; r = r->next)
+            if (std::strcmp(key(r), k) == 0)
+                return r;
+        return nullptr;
+    }
+
+    // Takes the record of key K off its chain; null when there is none.
+    T* unlink(const char* k)
+    {
+        for (T** pp = &tbl_[bucket(k)]; *pp != nullptr; pp = &(*pp)->next) {
+            T* r = *pp;
+            if (std::strcmp(key(r), k) == 0) {
+                *pp = r->next;
+                return r;
+            }
+        }
+        return nullptr;
+    }
+
+    // Zeroes an unlinked record and pushes it on the free list. The
+    // high-water mark is not lowered.
+    void release(T* r)
+    {
+        std::memset(static_cast<void*>(r), 0, sizeof(T));
+        r->next = freelist_;
+        freelist_ = r;
+        count_--;
+    }
+
+    T* slot(size_t i) const { return &base_[i]; }
+    size_t index(const T* r) const { return static_cast<size_t>(r - base_); }
+    static bool inuse(const T* r) { return key(r)[0] != '\0'; }
+    T* last() const { return last_; }
+    T* first() const { return base_; }
+    uint32_t count() const { return count_; }
+    T* chain(unsigned b) const { return tbl_[b]; }
+
+    // Calls fn for every slot in use, in index order.
+    template <typename F>
+    void each(F&& fn) const
+    {
+        for (size_t i = 0; i < N; i++)
+            if (inuse(&base_[i]))
+                fn(&base_[i]);
+    }
+
+    jos_spin_t mtx;
+
+private:
+    T* base_ = nullptr;
+    T* tbl_[NB] = {};
+    T* freelist_ = nullptr;
+    T* last_ = nullptr;
+    uint32_t count_ = 0;
+};

@@ -1,0 +1,789 @@
+// vtsim: plays gateway appliances against the daemon's device port, answers
+// the commands the daemon sends them, and in load mode measures how much of
+// a paced stream of status reports the daemon's socket took in.
+//
+// Traffic goes to loopback addresses only. Every loop ends by itself: after
+// --reports rounds, after --duration seconds, or on SIGINT/SIGTERM.
+#include <arpa/inet.h>
+#include <getopt.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sched.h>
+#include <sys/epoll.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cmath>
+#include <csignal>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "vtsim_proto.h"
+
+namespace {
+
+using namespace vtsim;
+
+volatile sig_atomic_t g_stop = 0;
+
+void on_signal(int)
+{
+    g_stop = 1;
+}
+
+const char USAGE[] =
+    "usage: vtsim [options]\n"
+    "Simulates gateway appliances talking to the daemon's device port over loopback.\n"
+    "\n"
+    "Target\n"
+    "  --host A          daemon address, dotted IPv4 inside 127.0.0.0/8 (default 127.0.0.1)\n"
+    "  --port P          daemon device port (default 24567)\n"
+    "\n"
+    "Gateways\n"
+    "  --count N         number of gateways (default 10)\n"
+    "  --prefix S        identifier prefix; identifiers are the prefix and a zero-padded\n"
+    "                    index, 12 characters in all (default SIM: SIM000000001)\n"
+    "  --first K         index of the first gateway (default 1)\n"
+    "  --shared-socket   one UDP socket for all gateways (default: one socket each,\n"
+    "                    bound to 127.0.0.1 and an ephemeral port); commands that come\n"
+    "                    back are routed by their license_id12=\n"
+    "\n"
+    "Status reports\n"
+    "  --interval S      each gateway reports every S seconds (default 10); a round's\n"
+    "                    reports are spread evenly, at most 1 ms apart\n"
+    "  --rate R          R reports per second in total instead, rounds back to back\n"
+    "                    (with --load, 0 means as fast as the socket takes them)\n"
+    "  --reports N       send exactly N rounds, then stop (default 0: no limit)\n"
+    "  --duration S      stop after S seconds (default 0: no limit)\n"
+    "  --type T          10012, 30004 or 50000 (default: the three in turn)\n"
+    "  --lnglat          also send a coordinates report (1008) after each gateway's first report\n"
+    "  --key             also send a key report (20001) after each gateway's first report\n"
+    "  --name TEXT       sys_name; %d becomes the index, %% a '%' (default sim-gw-%d)\n"
+    "  --grpname TEXT    group name (default empty)\n"
+    "  --version TEXT    firmware version (default V1.0.0)\n"
+    "  --users N         current_users (default 3)\n"
+    "  --maxusers N      max_ipcnt (default 100; 0 = no limit)\n"
+    "  --flow N          flowcont (default 150)\n"
+    "  --maxflow N       max_flowcont (default 10000; 0 = no limit)\n"
+    "\n"
+    "Answers\n"
+    "  --cpurate N       cpurate in answers to tag=cpuinfo (default 5)\n"
+    "  --no-answer       receive and print commands but never reply\n"
+    "  --quiet           print only password resets (one line each)\n"
+    "  --linger S        keep answering S seconds after the last report (default 1)\n"
+    "\n"
+    "Modes\n"
+    "  --load            load generator: shared socket, paced sendmmsg loop, then one line\n"
+    "                    sent=N answered=N lost=N rate=R/s elapsed=S\n"
+    "                    (lost: the daemon socket's kernel drop counter, from /proc/net/udp)\n"
+    "  --raw HEX         send one datagram given as hex bytes and exit\n"
+    "  --bad             send a fixed set of malformed datagrams once and exit\n"
+    "  --help            this text\n"
+    "\n"
+    "Output, one line per event on stdout:\n"
+    "  <id> rootpassreset password=P oripass=O mfadminpass=N   (replied: return=0)\n"
+    "  <id> cpuinfo                                           (replied with cpurate)\n"
+    "  <id> mapping web=W ssh=S webenable=E sshenable=E hostport=H maphost=M\n"
+    "  <id> <command text>                                    (any other command)\n";
+
+[[noreturn]] __attribute__((format(printf, 1, 2))) void die(const char* fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    std::fprintf(stderr, "vtsim: ");
+    std::vfprintf(stderr, fmt, ap);
+    std::fprintf(stderr, "\n");
+    va_end(ap);
+    std::exit(2);
+}
+
+long parse_long(const char* opt, const char* text, long lo, long hi)
+{
+    char* end = nullptr;
+    errno = 0;
+    long v = std::strtol(text, &end, 10);
+    if (errno != 0 || end == text || *end != '\0' || v < lo || v > hi) {
+        char range[64];
+        std::snprintf(range, sizeof(range), "%ld..%ld", lo, hi);
+        std::fprintf(stderr, "vtsim: %s wants an integer in %s, not '%s'\n", opt, range, text);
+        std::exit(2);
+    }
+    return v;
+}
+
+double parse_double(const char* opt, const char* text, double lo, double hi)
+{
+    char* end = nullptr;
+    errno = 0;
+    double v = std::strtod(text, &end);
+    if (errno != 0 || end == text || *end != '\0' || !(v >= lo && v <= hi)) {
+        std::fprintf(stderr, "vtsim: %s wants a number in %g..%g, not '%s'\n", opt, lo, hi, text);
+        std::exit(2);
+    }
+    return v;
+}
+
+struct options {
+    std::string host = "127.0.0.1";
+    int port = CLOUD_DEVICE_PORT;
+    long count = 10;
+    std::string prefix = "SIM";
+    long first = 1;
+    double rate = -1;  // below 0: each gateway every interval
+    double interval = 10;
+    double duration = 0;
+    long reports = 0;
+    uint16_t type = 0;  // 0: the three status types in turn
+    bool lnglat = false;
+    bool key = false;
+    std::string name = "sim-gw-%d";
+    std::string grpname;
+    std::string version = "V1.0.0";
+    uint32_t users = 3, maxusers = 100, flow = 150, maxflow = 10000;
+    long cpurate = 5;
+    bool shared = false;
+    bool no_answer = false;
+    bool quiet = false;
+    bool load = false;
+    bool bad = false;
+    bool has_raw = false;
+    std::string raw;
+    double linger = 1.0;
+};
+
+options parse_args(int argc, char** argv)
+{
+    enum {
+        O_HOST = 256, O_PORT, O_COUNT, O_PREFIX, O_FIRST, O_RATE, O_INTERVAL, O_DURATION, O_REPORTS, O_TYPE,
+        O_LNGLAT, O_KEY, O_NAME, O_GRPNAME, O_VERSION, O_USERS, O_MAXUSERS, O_FLOW, O_MAXFLOW, O_CPURATE,
+        O_SHARED, O_NOANSWER, O_QUIET, O_LOAD, O_RAW, O_BAD, O_LINGER, O_HELP,
+    };
+    static const option longopts[] = {
+        {"host", required_argument, nullptr, O_HOST},
+        {"port", required_argument, nullptr, O_PORT},
+        {"count", required_argument, nullptr, O_COUNT},
+        {"prefix", required_argument, nullptr, O_PREFIX},
+        {"first", required_argument, nullptr, O_FIRST},
+        {"rate", required_argument, nullptr, O_RATE},
+        {"interval", required_argument, nullptr, O_INTERVAL},
+        {"duration", required_argument, nullptr, O_DURATION},
+        {"reports", required_argument, nullptr, O_REPORTS},
+        {"type", required_argument, nullptr, O_TYPE},
+        {"lnglat", no_argument, nullptr, O_LNGLAT},
+        {"key", no_argument, nullptr, O_KEY},
+        {"name", required_argument, nullptr, O_NAME},
+        {"grpname", required_argument, nullptr, O_GRPNAME},
+        {"version", required_argument, nullptr, O_VERSION},
+        {"users", required_argument, nullptr, O_USERS},
+        {"maxusers", required_argument, nullptr, O_MAXUSERS},
+        {"flow", required_argument, nullptr, O_FLOW},
+        {"maxflow", required_argument, nullptr, O_MAXFLOW},
+        {"cpurate", required_argument, nullptr, O_CPURATE},
+        {"shared-socket", no_argument, nullptr, O_SHARED},
+        {"no-answer", no_argument, nullptr, O_NOANSWER},
+        {"quiet", no_argument, nullptr, O_QUIET},
+        {"load", no_argument, nullptr, O_LOAD},
+        {"raw", required_argument, nullptr, O_RAW},
+        {"bad", no_argument, nullptr, O_BAD},
+        {"linger", required_argument, nullptr, O_LINGER},
+        {"help", no_argument, nullptr, O_HELP},
+        {nullptr, 0, nullptr, 0},
+    };
+    options o;
+    constexpr long U32 = 0xffffffffL;
+    int c;
+    opterr = 1;
+    while ((c = getopt_long(argc, argv, "h", longopts, nullptr)) != -1) {
+        switch (c) {
+        case O_HOST: o.host = optarg; break;
+        case O_PORT: o.port = static_cast<int>(parse_long("--port", optarg, 1, 65535)); break;
+        case O_COUNT: o.count = parse_long("--count", optarg, 1, 1000000); break;
+        case O_PREFIX: o.prefix = optarg; break;
+        case O_FIRST: o.first = parse_long("--first", optarg, 0, 99999999999L); break;
+        case O_RATE: o.rate = parse_double("--rate", optarg, 0, 1e8); break;
+        case O_INTERVAL: o.interval = parse_double("--interval", optarg, 0.001, 86400); break;
+        case O_DURATION: o.duration = parse_double("--duration", optarg, 0, 1e7); break;
+        case O_REPORTS: o.reports = parse_long("--reports", optarg, 0, 1000000000L); break;
+        case O_TYPE: {
+            long t = parse_long("--type", optarg, 0, 65535);
+            if (t != VTR_STATUS && t != VTR_STATUS2 && t != VTR_STATUS3)
+                die("--type must be 10012, 30004 or 50000, not '%s'", optarg);
+            o.type = static_cast<uint16_t>(t);
+            break;
+        }
+        case O_LNGLAT: o.lnglat = true; break;
+        case O_KEY: o.key = true; break;
+        case O_NAME: o.name = optarg; break;
+        case O_GRPNAME: o.grpname = optarg; break;
+        case O_VERSION: o.version = optarg; break;
+        case O_USERS: o.users = static_cast<uint32_t>(parse_long("--users", optarg, 0, U32)); break;
+        case O_MAXUSERS: o.maxusers = static_cast<uint32_t>(parse_long("--maxusers", optarg, 0, U32)); break;
+        case O_FLOW: o.flow = static_cast<uint32_t>(parse_long("--flow", optarg, 0, U32)); break;
+        case O_MAXFLOW: o.maxflow = static_cast<uint32_t>(parse_long("--maxflow", optarg, 0, U32)); break;
+        case O_CPURATE: o.cpurate = parse_long("--cpurate", optarg, 0, 100000); break;
+        case O_SHARED: o.shared = true; break;
+        case O_NOANSWER: o.no_answer = true; break;
+        case O_QUIET: o.quiet = true; break;
+        case O_LOAD: o.load = true; break;
+        case O_RAW: o.has_raw = true; o.raw = optarg; break;
+        case O_BAD: o.bad = true; break;
+        case O_LINGER: o.linger = parse_double("--linger", optarg, 0, 3600); break;
+        case 'h':
+        case O_HELP: std::fputs(USAGE, stdout); std::exit(0);
+        default: std::fputs("vtsim: try --help\n", stderr); std::exit(2);
+        }
+    }
+    if (optind < argc)
+        die("unexpected argument '%s' (try --help)", argv[optind]);
+    if (!host_is_loopback(o.host.c_str(), nullptr))
+        die("--host '%s' refused: only dotted IPv4 addresses inside 127.0.0.0/8 (this machine) are allowed",
+            o.host.c_str());
+    if (!prefix_ok(o.prefix))
+        die("--prefix '%s' must be at most 11 printable characters, without blanks or '='", o.prefix.c_str());
+    if (make_ident(o.prefix, o.first + o.count - 1).empty())
+        die("identifiers do not fit in 12 characters with prefix '%s' and the indexes asked for", o.prefix.c_str());
+    if (o.rate == 0 && !o.load)
+        die("--rate 0 (unpaced) is for --load only");
+    if (o.has_raw && o.bad)
+        die("--raw and --bad are separate runs");
+    return o;
+}
+
+double now_sec()
+{
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<double>(ts.tv_sec) + ts.tv_nsec / 1e9;
+}
+
+// A UDP socket bound to 127.0.0.1 and an ephemeral port. Sends block at
+// most a second; receives are always MSG_DONTWAIT after a poll.
+int open_socket(int rcvbuf)
+{
+    int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+        return -1;
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    a.sin_port = 0;
+    if (bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a)) < 0) {
+        close(fd);
+        return -1;
+    }
+    timeval tv{1, 0};
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv));
+    if (rcvbuf > 0)
+        setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &rcvbuf, sizeof(rcvbuf));
+    return fd;
+}
+
+// Lets many per-gateway sockets through the descriptor limit when the hard
+// limit allows.
+void raise_nofile(long want)
+{
+    rlimit rl{};
+    if (getrlimit(RLIMIT_NOFILE, &rl) != 0)
+        return;
+    if (rl.rlim_cur != RLIM_INFINITY && static_cast<long>(rl.rlim_cur) < want) {
+        rl.rlim_cur = (rl.rlim_max == RLIM_INFINITY || static_cast<long>(rl.rlim_max) >= want) ? want : rl.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &rl);
+    }
+}
+
+struct gateway {
+    std::string id;
+    long index = 0;
+    int fd = -1;  // own socket, or the shared one
+    devinfo_recv_bps_t tmpl{};
+};
+
+struct sim {
+    options o;
+    sockaddr_in dst{};
+    std::vector<gateway> gw;
+    int shared_fd = -1;
+    double t0 = 0;
+    double round_period = 0;  // seconds between round starts
+    double spacing = 0;       // seconds between reports inside a round
+    bool unpaced = false;
+    uint64_t limit = UINT64_MAX;  // reports to send in all
+    std::atomic<uint64_t> sent{0}, answered{0}, replies{0}, other{0}, send_errors{0};
+    std::atomic<bool> send_error_shown{false};
+
+    double elapsed() const { return now_sec() - t0; }
+
+    // When report SEQ (round SEQ/count, gateway SEQ%count) is due.
+    double due(uint64_t seq) const
+    {
+        if (unpaced)
+            return 0;
+        uint64_t n = gw.size();
+        return static_cast<double>(seq / n) * round_period + static_cast<double>(seq % n) * spacing;
+    }
+
+    int send_to_daemon(int fd, const void* buf, size_t len)
+    {
+        ssize_t r = sendto(fd, buf, len, 0, reinterpret_cast<const sockaddr*>(&dst), sizeof(dst));
+        if (r < 0) {
+            note_send_error(errno, 1);
+            return -1;
+        }
+        return 0;
+    }
+
+    void note_send_error(int err, uint64_t n)
+    {
+        if (!send_error_shown.exchange(true))
+            std::fprintf(stderr, "vtsim: send error: %s\n", std::strerror(err));
+        send_errors += n;
+    }
+};
+
+void setup_gateways(sim& s)
+{
+    const options& o = s.o;
+    s.gw.resize(o.count);
+    if (o.shared || o.load) {
+        s.shared_fd = open_socket(o.load ? 8 << 20 : 1 << 20);
+        if (s.shared_fd < 0)
+            die("cannot open the shared socket: %s", std::strerror(errno));
+    } else {
+        raise_nofile(o.count + 64);
+    }
+    for (long i = 0; i < o.count; i++) {
+        gateway& g = s.gw[i];
+        g.index = o.first + i;
+        g.id = make_ident(o.prefix, g.index);
+        if (s.shared_fd >= 0) {
+            g.fd = s.shared_fd;
+        } else {
+            g.fd = open_socket(0);
+            if (g.fd < 0) {
+                std::fprintf(stderr, "vtsim: cannot open a socket for gateway %s: %s (use --shared-socket for many gateways)\n",
+                             g.id.c_str(), std::strerror(errno));
+                std::exit(2);
+            }
+        }
+        status_params p;
+        p.id = g.id;
+        p.devid = static_cast<uint16_t>(g.index & 0xffff);
+        p.sys_run = static_cast<uint32_t>(3600 + (g.index % 1000) * 60);
+        p.ipaddr = 0x0a000000u | static_cast<uint32_t>(g.index & 0xffffff);  // 10.x.y.z, host order
+        p.license_start = 1704067200;                                           // 2024-01-01
+        p.license_end = 2019600000;                                             // 2033-12
+        p.current_users = o.users;
+        p.license_id83 = g.id + "-" + fake_md5(g.id) + fake_md5(g.id + "83");
+        p.version = o.version;
+        p.sys_name = expand_name(o.name, g.index);
+        p.flowcont = o.flow;
+        p.max_flowcont = o.maxflow;
+        p.max_ipcnt = o.maxusers;
+        p.temp = static_cast<uint16_t>(40 + g.index % 25);
+        p.grpname = o.grpname;
+        g.tmpl = build_status(p);
+    }
+    s.dst.sin_family = AF_INET;
+    s.dst.sin_port = htons(static_cast<uint16_t>(o.port));
+    host_is_loopback(o.host.c_str(), &s.dst.sin_addr);
+
+    double n = static_cast<double>(o.count);
+    if (o.rate > 0) {
+        s.spacing = 1.0 / o.rate;
+        s.round_period = n / o.rate;
+    } else if (o.rate == 0) {
+        s.unpaced = true;
+    } else {
+        s.round_period = o.interval;
+        s.spacing = std::min(o.interval / n, 0.001);
+    }
+    if (o.reports > 0)
+        s.limit = static_cast<uint64_t>(o.reports) * static_cast<uint64_t>(o.count);
+}
+
+// Report SEQ of gateway G, ready to send.
+void fill_status(const sim& s, const gateway& g, uint64_t seq, devinfo_recv_bps_t& d)
+{
+    static const uint16_t types[3] = {VTR_STATUS, VTR_STATUS2, VTR_STATUS3};
+    uint64_t n = s.gw.size();
+    uint64_t round = seq / n;
+    d = g.tmpl;
+    d.type = s.o.type != 0 ? s.o.type : types[(round + seq % n) % 3];
+    d.time = static_cast<uint32_t>(std::time(nullptr));
+    d.sys_run = g.tmpl.sys_run + static_cast<uint32_t>(s.elapsed());
+    uint64_t wobble = (static_cast<uint64_t>(g.index) * 7 + round * 13) % 50;
+    d.upbps = 100000 * (1 + wobble);
+    d.downbps = 4 * d.upbps;
+}
+
+// Coordinates and key follow a gateway's first report, once the daemon can
+// know the identifier.
+void send_extras(sim& s, const gateway& g)
+{
+    if (s.o.lnglat) {
+        double k = static_cast<double>(g.index % 1000);
+        auto d = build_lnglat(g.id, 116.30 + k * 0.001, 39.90 + k * 0.0005);
+        s.send_to_daemon(g.fd, &d, sizeof(d));
+    }
+    if (s.o.key) {
+        auto d = build_vtkey(g.id, fake_md5(g.id));
+        s.send_to_daemon(g.fd, &d, sizeof(d));
+    }
+}
+
+void send_one(sim& s, uint64_t seq)
+{
+    gateway& g = s.gw[seq % s.gw.size()];
+    devinfo_recv_bps_t d;
+    fill_status(s, g, seq, d);
+    if (s.send_to_daemon(g.fd, &d, sizeof(d)) == 0)
+        s.sent++;
+    if (seq < s.gw.size())
+        send_extras(s, g);
+}
+
+void reply(sim& s, const gateway& g, const std::string& text)
+{
+    if (s.o.no_answer)
+        return;
+    cldarg_t c = build_cmdarg(text);
+    if (s.send_to_daemon(g.fd, &c, sizeof(c)) == 0)
+        s.replies++;
+}
+
+// One datagram received on socket FD; OWNER is the socket's gateway, or
+// null for the shared socket (then the datagram's identifier decides).
+void handle(sim& s, const gateway* owner, const uint8_t* buf, size_t len)
+{
+    incoming in = classify(buf, len);
+    const gateway* g = owner;
+    if (g == nullptr) {
+        long idx = ident_index(in.id, s.o.prefix);
+        if (idx >= s.o.first && idx < s.o.first + static_cast<long>(s.gw.size()))
+            g = &s.gw[idx - s.o.first];
+    }
+    std::string who = g != nullptr ? g->id : "?" + printable(in.id);
+    switch (in.kind) {
+    case incoming::COMMAND: {
+        s.answered++;
+        std::string tag = token_value(in.text, "tag");
+        if (tag == "rootpassreset") {
+            std::printf("%s rootpassreset password=%s oripass=%s mfadminpass=%s\n", who.c_str(),
+                        printable(token_value(in.text, "password")).c_str(),
+                        printable(token_value(in.text, "oripass")).c_str(),
+                        printable(token_value(in.text, "mfadminpass")).c_str());
+            if (g != nullptr)
+                reply(s, *g, "tag=rootpassreset license_id12=" + g->id + " return=0");
+        } else if (tag == "cpuinfo") {
+            if (!s.o.quiet)
+                std::printf("%s cpuinfo\n", who.c_str());
+            if (g != nullptr)
+                reply(s, *g, "tag=cpuinfo license_id12=" + g->id + " cpurate=" + std::to_string(s.o.cpurate) +
+                                 " rmadmin=0 cronfile=0");
+        } else if (!s.o.quiet) {
+            std::printf("%s %s\n", who.c_str(), printable(in.text).c_str());
+        }
+        break;
+    }
+    case incoming::MAPPING:
+        s.answered++;
+        if (!s.o.quiet)
+            std::printf("%s %s\n", who.c_str(), format_mapping(in.map).c_str());
+        break;
+    case incoming::OTHER:
+        s.other++;
+        if (!s.o.quiet)
+            std::printf("%s other len=%zu type=%u\n", who.c_str(), len, in.type);
+        break;
+    }
+}
+
+// Drains up to 64 datagrams from FD.
+void drain(sim& s, int fd, const gateway* owner)
+{
+    static uint8_t buf[65536];
+    for (int i = 0; i < 64; i++) {
+        ssize_t r = recv(fd, buf, sizeof(buf), MSG_DONTWAIT);
+        if (r < 0)
+            return;
+        handle(s, owner, buf, static_cast<size_t>(r));
+    }
+}
+
+// The event set of every receiving socket; the event's data is the gateway
+// position, or -1 for the shared socket.
+int make_epoll(const sim& s)
+{
+    int ep = epoll_create1(EPOLL_CLOEXEC);
+    if (ep < 0)
+        die("epoll_create1: %s", std::strerror(errno));
+    auto add = [&](int fd, int64_t tag) {
+        epoll_event ev{};
+        ev.events = EPOLLIN;
+        ev.data.u64 = static_cast<uint64_t>(tag);
+        if (epoll_ctl(ep, EPOLL_CTL_ADD, fd, &ev) != 0)
+            die("epoll_ctl: %s", std::strerror(errno));
+    };
+    if (s.shared_fd >= 0)
+        add(s.shared_fd, -1);
+    else
+        for (size_t i = 0; i < s.gw.size(); i++)
+            add(s.gw[i].fd, static_cast<int64_t>(i));
+    return ep;
+}
+
+void wait_and_handle(sim& s, int ep, int timeout_ms)
+{
+    epoll_event evs[64];
+    int n = epoll_wait(ep, evs, 64, timeout_ms);
+    for (int i = 0; i < n; i++) {
+        int64_t tag = static_cast<int64_t>(evs[i].data.u64);
+        if (tag < 0)
+            drain(s, s.shared_fd, nullptr);
+        else
+            drain(s, s.gw[tag].fd, &s.gw[tag]);
+    }
+}
+
+// Waits for answers until DEADLINE (seconds of elapsed time) or a signal.
+void linger(sim& s, int ep, double deadline)
+{
+    for (int turns = 0; !g_stop && turns < 1000000; turns++) {
+        double left = deadline - s.elapsed();
+        if (left <= 0)
+            break;
+        wait_and_handle(s, ep, static_cast<int>(std::ceil(std::min(left, 0.1) * 1000)));
+    }
+}
+
+int run_normal(sim& s)
+{
+    int ep = make_epoll(s);
+    uint64_t seq = 0;
+    s.t0 = now_sec();
+    while (!g_stop && seq < s.limit) {
+        double now = s.elapsed();
+        if (s.o.duration > 0 && now >= s.o.duration)
+            break;
+        for (int n = 0; n < 256 && seq < s.limit && s.due(seq) <= now; n++)
+            send_one(s, seq++);
+        double wait = seq < s.limit ? s.due(seq) - s.elapsed() : 0;
+        if (s.o.duration > 0)
+            wait = std::min(wait, s.o.duration - s.elapsed());
+        wait = std::clamp(wait, 0.0, 0.1);
+        wait_and_handle(s, ep, static_cast<int>(std::ceil(wait * 1000)));
+    }
+    if (!g_stop)
+        linger(s, ep, s.elapsed() + s.o.linger);
+    close(ep);
+    std::fflush(stdout);
+    std::fprintf(stderr, "vtsim: sent=%llu answered=%llu replies=%llu other=%llu send_errors=%llu\n",
+                 static_cast<unsigned long long>(s.sent.load()), static_cast<unsigned long long>(s.answered.load()),
+                 static_cast<unsigned long long>(s.replies.load()), static_cast<unsigned long long>(s.other.load()),
+                 static_cast<unsigned long long>(s.send_errors.load()));
+    return 0;
+}
+
+// Sum of the drop counters of every socket on PORT, over IPv4 and IPv6;
+// -1 when no socket has that port or the tables cannot be read.
+long long port_drops(int port)
+{
+    long long total = -1;
+    for (const char* path : {"/proc/net/udp", "/proc/net/udp6"}) {
+        std::ifstream f(path);
+        if (!f)
+            continue;
+        std::stringstream ss;
+        ss << f.rdbuf();
+        long long d = udp_drops(ss.str(), port);
+        if (d >= 0)
+            total = (total < 0 ? 0 : total) + d;
+    }
+    return total;
+}
+
+int run_load(sim& s)
+{
+    long long drops_before = port_drops(s.o.port);
+    if (drops_before < 0)
+        std::fprintf(stderr, "vtsim: no socket on UDP port %d in /proc/net/udp; lost is reported as 0\n", s.o.port);
+
+    std::atomic<bool> recv_stop{false};
+    int ep = make_epoll(s);
+    // The receiver thread alone reads the socket and prints; the sender
+    // thread below only sends. Both send on the same socket, which needs
+    // no lock for datagrams.
+    std::thread receiver([&] {
+        while (!recv_stop.load(std::memory_order_relaxed))
+            wait_and_handle(s, ep, 20);
+    });
+
+    constexpr unsigned BATCH = 64;
+    devinfo_recv_bps_t bufs[BATCH];
+    iovec iov[BATCH];
+    mmsghdr msgs[BATCH];
+    std::memset(msgs, 0, sizeof(msgs));
+    for (unsigned i = 0; i < BATCH; i++) {
+        iov[i] = {&bufs[i], sizeof(bufs[i])};
+        msgs[i].msg_hdr.msg_iov = &iov[i];
+        msgs[i].msg_hdr.msg_iovlen = 1;
+        msgs[i].msg_hdr.msg_name = &s.dst;
+        msgs[i].msg_hdr.msg_namelen = sizeof(s.dst);
+    }
+
+    uint64_t seq = 0;
+    s.t0 = now_sec();
+    while (!g_stop && seq < s.limit) {
+        double now = s.elapsed();
+        if (s.o.duration > 0 && now >= s.o.duration)
+            break;
+        unsigned n = 0;
+        while (n < BATCH && seq + n < s.limit && s.due(seq + n) <= now) {
+            fill_status(s, s.gw[(seq + n) % s.gw.size()], seq + n, bufs[n]);
+            n++;
+        }
+        if (n == 0) {
+            // Sleep through most of the gap, spin the last stretch so that
+            // the pacing stays even at high rates.
+            double gap = s.due(seq) - s.elapsed();
+            if (s.o.duration > 0)
+                gap = std::min(gap, s.o.duration - s.elapsed());
+            if (gap > 300e-6) {
+                double sl = std::min(gap - 200e-6, 0.05);
+                timespec ts{static_cast<time_t>(sl), static_cast<long>((sl - std::floor(sl)) * 1e9)};
+                nanosleep(&ts, nullptr);
+            } else if (gap > 0) {
+                sched_yield();
+            }
+            continue;
+        }
+        int k = sendmmsg(s.shared_fd, msgs, n, 0);
+        if (k < 0) {
+            if (errno == EINTR)
+                continue;
+            s.note_send_error(errno, n);  // these reports are given up, the pace goes on
+            k = static_cast<int>(n);
+        } else {
+            s.sent += static_cast<uint64_t>(k);
+        }
+        for (int i = 0; i < k; i++)
+            if (seq + i < s.gw.size())
+                send_extras(s, s.gw[seq + i]);
+        seq += static_cast<uint64_t>(k);
+    }
+    double elapsed = s.elapsed();
+    if (!g_stop) {
+        double end = elapsed + s.o.linger;
+        for (int turns = 0; !g_stop && turns < 100000 && s.elapsed() < end; turns++)
+            usleep(10000);
+    }
+    recv_stop = true;
+    receiver.join();
+    close(ep);
+
+    long long drops_after = port_drops(s.o.port);
+    long long lost = 0;
+    if (drops_before >= 0)
+        lost = drops_after < 0 ? -1 : drops_after - drops_before;
+    if (s.send_errors > 0)
+        std::fprintf(stderr, "vtsim: %llu reports could not be sent\n",
+                     static_cast<unsigned long long>(s.send_errors.load()));
+    std::fflush(stdout);
+    double rate = elapsed > 0 ? static_cast<double>(s.sent.load()) / elapsed : 0;
+    std::printf("sent=%llu answered=%llu lost=%lld rate=%.0f/s elapsed=%.3f\n",
+                static_cast<unsigned long long>(s.sent.load()), static_cast<unsigned long long>(s.answered.load()),
+                lost, rate, elapsed);
+    return 0;
+}
+
+sockaddr_in target(const options& o)
+{
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(static_cast<uint16_t>(o.port));
+    host_is_loopback(o.host.c_str(), &a.sin_addr);
+    return a;
+}
+
+int run_raw(const options& o)
+{
+    std::vector<uint8_t> bytes;
+    if (!parse_hex(o.raw, bytes))
+        die("--raw wants hex digit pairs (blanks, ':' or '-' between pairs allowed)");
+    if (bytes.size() > MAX_UDP_PAYLOAD)
+        die("--raw datagram is longer than a UDP datagram can be");
+    int fd = open_socket(0);
+    if (fd < 0)
+        die("socket: %s", std::strerror(errno));
+    sockaddr_in a = target(o);
+    if (sendto(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&a), sizeof(a)) < 0)
+        die("send: %s", std::strerror(errno));
+    if (!o.quiet)
+        std::printf("raw len=%zu\n", bytes.size());
+    close(fd);
+    return 0;
+}
+
+int run_bad(const options& o)
+{
+    int fd = open_socket(0);
+    if (fd < 0)
+        die("socket: %s", std::strerror(errno));
+    int big = 1 << 20;
+    setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &big, sizeof(big));
+    sockaddr_in a = target(o);
+    int failed = 0;
+    auto list = bad_datagrams();
+    for (size_t i = 0; i < list.size() && !g_stop; i++) {
+        const bad_dgram& b = list[i];
+        ssize_t r = sendto(fd, b.bytes.data(), b.bytes.size(), 0, reinterpret_cast<sockaddr*>(&a), sizeof(a));
+        if (r < 0) {
+            failed++;
+            std::fprintf(stderr, "vtsim: bad %zu (%s): %s\n", i + 1, b.label.c_str(), std::strerror(errno));
+        } else if (!o.quiet) {
+            std::printf("bad %zu len=%zu %s\n", i + 1, b.bytes.size(), b.label.c_str());
+        }
+        usleep(2000);  // keep the burst well inside the daemon's receive buffer
+    }
+    close(fd);
+    return failed == 0 ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+    options o = parse_args(argc, argv);
+
+    struct sigaction sa {};
+    sa.sa_handler = on_signal;
+    sigemptyset(&sa.sa_mask);
+    sa.sa_flags = 0;  // no SA_RESTART: a signal ends the current wait
+    sigaction(SIGINT, &sa, nullptr);
+    sigaction(SIGTERM, &sa, nullptr);
+    signal(SIGPIPE, SIG_IGN);
+
+    if (o.has_raw)
+        return run_raw(o);
+    if (o.bad)
+        return run_bad(o);
+
+    sim s;
+    s.o = o;
+    setup_gateways(s);
+    return o.load ? run_load(s) : run_normal(s);
+}

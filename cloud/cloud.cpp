@@ -306,6 +306,8 @@ void return_handle(const char* argstr, const char* ip, uint16_t port)
     d->time = now32();
     if (std::strcmp(tag, "rootpassreset") == 0 || std::strcmp(tag, "cpuinfo") == 0)
         cpuinfo_handle(argstr);
+    else if (std::strcmp(tag, "wxdeny") == 0)
+        wci_answer(argstr);
 }
 
 void cloud_dgram(char* buf, int len, uint32_t ip, uint16_t port)
@@ -521,11 +523,5 @@ static int cloud_minit(jos_kernel_t*)
 }
 
 static void cloud_mfini(jos_kernel_t*) {}
-
-static int cloud_ioctl(jos_cmdarg_t* ca)
-{
-    (void)ca;
-    return 0;
-}
 
 jos_module_t cloud_module = {"cloud", 0x09000000, -1, cloud_minit, cloud_mfini, cloud_ioctl, nullptr};

@@ -197,7 +197,7 @@ struct devlist_t {
     } task_sta;
     uint8_t isequal;
     char oripass[32];
-    char password[96];
+    char password[128];  // crypt text: room for a full SHA-512 salt
     char map_address[160];
     char version[64];
     char maphost[64];
@@ -237,6 +237,14 @@ void cloud_minport_set();
 // Hands out the next pair: web port first, SSH port second.
 void cloud_port_alloc(int* web, int* ssh);
 void cloud_gateway_config();
+// Range and group settings (2056) and the mapping of one device (2057).
+void cloud_cmd_ranges(jos_cmdarg_t* ca, long defgrp, long grpreset, long oldgrp, bool notify_given, long notify,
+                      long minport, long maxport);
+void cloud_cmd_mapping(jos_cmdarg_t* ca, const char* license_id12, const char* maphost, long hostport, long webport,
+                       long sshport, long webenable, long sshenable);
+
+// Management commands of the registry (device_cmds.cpp).
+int cloud_ioctl(jos_cmdarg_t* ca);
 
 // Receive loop and its handlers (cloud.cpp).
 extern int sock;
@@ -260,5 +268,9 @@ void cpuinfo_handle(const char* argstr);
 // Sends a 520-byte command datagram with TEXT to IP:PORT (host order).
 int cloud_sendarg(uint32_t ip, uint16_t port, const char* text);
 void device_usragp_fileinfo(devlist_t* dev);
+
+// Geolocation thread (lnglat.cpp) and the disconnect sweep it runs (wxcmd.cpp).
+void updatelnglat(jos_thread_t* td);
+void getdisconinfo(jos_thread_t* td);
 
 extern jos_module_t cloud_module;

@@ -1,4 +1,8 @@
 // Mapping ports: one range, handed out in pairs by a rotating value.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -7,6 +11,7 @@
 #include "cloud.h"
 #include "cloudconf.h"
 #include "common.h"
+#include "jos_cmds.h"
 
 int _mapping_port_min = 24569;
 int _mapping_port_max = 34567;
@@ -69,4 +74,77 @@ void cloud_gateway_config()
     std::fputs("GatewayPorts yes\n", f);
     std::fclose(f);
     cloudconf_run("cloud_gateway_config", cloudconf_get("sshd_restart", "systemctl restart ssh"));
+}
+
+void cloud_cmd_ranges(jos_cmdarg_t* ca, long defgrp, long grpreset, long oldgrp, bool notify_given, long notify,
+                      long minport, long maxport)
+{
+    if (notify_given)
+        _weixin_notify_discon = static_cast<int>(notify);
+    if (minport == 0 && maxport == 0) {
+        if (grpreset == 0) {
+            _defgrp = static_cast<uint32_t>(defgrp);
+        } else {
+            _devpool.each([&](devlist_t* d) {
+                if (d->grpid == oldgrp)
+                    d->grpid = 0;
+            });
+        }
+        jos_cmd_printf(ca, "ok");
+        return;
+    }
+    if (minport < 0 || maxport < 0 || minport > 65535 || maxport > 65535) {
+        jos_cmd_printf(ca, "Invalid port\n");
+        return;
+    }
+    _mapping_port_min = static_cast<int>(minport);
+    _mapping_port_max = static_cast<int>(maxport);
+    setconfig("cloud_mapping_min_port", std::to_string(minport).c_str());
+    setconfig("cloud_mapping_max_port", std::to_string(maxport).c_str());
+    mysql_conn c;
+    if (c.ok()) {
+        // Every device gets a fresh pair from the new range at the reload.
+        c.query("update vtlog.cloud_device set web_port=0, ssh_port=0");
+        cloud_minport_set();
+        _devpool.mtx.lock();
+        cloud_devpool_load();
+        _devpool.mtx.unlock();
+    }
+    jos_cmd_printf(ca, "ok");
+}
+
+void cloud_cmd_mapping(jos_cmdarg_t* ca, const char* license_id12, const char* maphost, long hostport, long webport,
+                       long sshport, long webenable, long sshenable)
+{
+    devlist_t* d = device_find(license_id12);
+    if (d == nullptr) {
+        jos_cmd_printf(ca, "ok");
+        return;
+    }
+    d->webport = static_cast<uint16_t>(webport);
+    d->sshport = static_cast<uint16_t>(sshport);
+    d->webenable = static_cast<uint8_t>(webenable);
+    d->sshenable = static_cast<uint8_t>(sshenable);
+    std::snprintf(d->maphost, sizeof(d->maphost), "%.63s", maphost);
+    d->hostport = static_cast<uint16_t>(hostport);
+    d->mapping = 0;
+
+    _mapping_port_t m{};
+    std::memcpy(m.tag, "VTR", 4);
+    m.type = VTR_MAPPING;
+    m.webport = d->webport;
+    m.sshport = d->sshport;
+    m.webenable = d->webenable;
+    m.sshenable = d->sshenable;
+    m.hostport = d->hostport;
+    std::snprintf(m.licenseid12, sizeof(m.licenseid12), "%s", d->license_id12);
+    std::memcpy(m.maphost, d->maphost, sizeof(m.maphost));
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_addr.s_addr = htonl(d->outip);
+    to.sin_port = htons(d->outport);
+    if (sendto(sock, &m, sizeof(m), 0, reinterpret_cast<sockaddr*>(&to), sizeof(to)) != static_cast<ssize_t>(sizeof(m)))
+        std::puts("send error");
+    cloud_devlist_tomysql(d, "update");
+    jos_cmd_printf(ca, "ok");
 }

@@ -1,10 +1,17 @@
 #include "wxcmd.h"
 
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <string>
 
-#include "jos.h"
+#include "cloud.h"
+#include "common.h"
+#include "jos_cmds.h"
+#include "jos_thread.h"
+#include "jos_timer.h"
+
+wxcmdinfo_t _wci;
 
 // Written under the device's name, then renamed: the collector only takes
 // names ending in ".ok", so it never sees a half-written notice.
@@ -19,7 +26,7 @@ void vantrel_notice(const char* word, const char* license_id12, const char* name
     std::error_code ec;
     if (!std::filesystem::exists(dir, ec))
         std::filesystem::create_directories(dir, ec);
-    std::string path = dir + "/" + license_id12;
+    std::string path = dir + "/" + id;
     FILE* f = std::fopen(path.c_str(), "w");
     if (f == nullptr)
         return;
@@ -29,4 +36,120 @@ void vantrel_notice(const char* word, const char* license_id12, const char* name
     std::fprintf(f, "name=%s", name);
     std::fclose(f);
     std::rename(path.c_str(), (path + ".ok").c_str());
+}
+
+// Silent devices are recorded once per sweep during their first hour of
+// silence; temporary ones are removed after an hour.
+void getdisconinfo(jos_thread_t* td)
+{
+    creatediscontable("device_discon");
+    const uint32_t now = static_cast<uint32_t>(_jos_timesec.load());
+    for (size_t i = 0; i < DEV_POOL_SIZE && !td->td_notifyexit; i++) {
+        devlist_t* d = _devpool.slot(i);
+        if (!device_pool_t::inuse(d))
+            continue;
+        if (std::strncmp(d->license_id12, "TEMP", 4) == 0) {
+            if (d->time + 3600 < now) {
+                char id[sizeof(d->license_id12)];
+                std::memcpy(id, d->license_id12, sizeof(id));
+                device_remove(id);
+            }
+            continue;
+        }
+        if (d->time + 60 < now && d->time + 3600 >= now) {
+            mysql_conn c;
+            if (!c.ok())
+                continue;
+            c.query(sqlf(c.get(),
+                         "insert into vtlog.device_discon(license_id12, grpid, name, time, uptime)values('%s', %d, "
+                         "'%s', %u, %ld)",
+                         d->license_id12, int(d->grpid), device_name(d), d->time,
+                         static_cast<long>(_jos_timesec.load())));
+        }
+    }
+}
+
+void wci_result(jos_cmdarg_t* ca)
+{
+    jos_cmd_printf(ca, "send=%d\nsucc=%d\nfail=%d\n", _wci.send, _wci.succ, _wci.fail);
+    _wci = wxcmdinfo_t{};
+}
+
+// Each line starts a new count. "device=" names one target by the 12
+// characters after it.
+void wci_update(jos_cmdarg_t* ca, const char* line)
+{
+    _wci = wxcmdinfo_t{};
+    std::snprintf(_wci.cmd, sizeof(_wci.cmd), "%.63s", line);
+    if (*line == '\0')
+        return;
+    char target[13] = "";
+    if (const char* p = std::strstr(line, "device="))
+        std::snprintf(target, sizeof(target), "%s", p + 7);
+    for (size_t i = 0; i < DEV_POOL_SIZE; i++) {
+        devlist_t* d = _devpool.slot(i);
+        if (!device_pool_t::inuse(d))
+            continue;
+        if (target[0] != '\0' && std::strncmp(d->license_id12, target, 12) != 0)
+            continue;
+        char text[1024];
+        std::snprintf(text, sizeof(text), "tag=%s license_id12=%s %s", "wxdeny", d->license_id12, line);
+        if (cloud_sendarg(d->outip, d->outport, text) != 0)
+            _wci.fail++;
+        _wci.send++;
+        if (target[0] != '\0')
+            break;
+    }
+    jos_cmd_printf(ca, "ok");
+}
+
+void wci_answer(const char* argstr)
+{
+    if (std::strstr(argstr, "return=0") != nullptr)
+        _wci.succ++;
+    else if (std::strstr(argstr, "return=-1") != nullptr)
+        _wci.fail++;
+}
+
+int wxcmd_main(jos_cmdarg_t* ca)
+{
+    long wxcmd = 0;
+    long status = 0;
+    std::string file;
+    char* value = nullptr;
+    char* cursor = nullptr;
+    for (char* tag = jos_cmd_nextarg(ca->ca_arg, &value, &cursor); tag != nullptr;
+         tag = jos_cmd_nextarg(cursor, &value, &cursor)) {
+        if (std::strcmp(tag, "wxcmd") == 0)
+            wxcmd = std::strtol(value, nullptr, 10);
+        else if (std::strcmp(tag, "file") == 0)
+            file = value;
+        else if (std::strcmp(tag, "wxcmdstatus") == 0)
+            status = std::strtol(value, nullptr, 10);
+    }
+    if (status != 0) {
+        wci_result(ca);
+        return 0;
+    }
+    if (wxcmd == 0 || file.empty())
+        return -1;
+    std::error_code ec;
+    if (!std::filesystem::exists(file, ec)) {
+        jos_cmd_printf(ca, "ERR_NOCMD");
+        return -1;
+    }
+    FILE* f = std::fopen(file.c_str(), "r");
+    if (f == nullptr) {
+        jos_cmd_printf(ca, "ERR_NOCMD");
+        return 0;
+    }
+    char line[1024];
+    while (std::fgets(line, sizeof(line), f) != nullptr) {
+        for (char* p = line; *p != '\0'; p++)
+            if (*p == '\n')
+                *p = '\0';
+        wci_update(ca, line);
+    }
+    std::fclose(f);
+    return 0;
 }

@@ -133,7 +133,7 @@ TEST(IpeSocketListen, RefusesInvalidAddresses)
     const std::vector<std::string> bad = {
         "127.0.0.1:0", "127.0.0.1:65536", "127.0.0.1:", "127.0.0.1:80x", "127.0.0.1:-1",
         "127.0.0.1:99999999999999999999", "0:4000", "udp:0:4000", "1.2.3.4.5:4000", "localhost:4000", "",
-        "udp:", "/tmp/" + std::string(sizeof(sockaddr_un::sun_path) + 20, 'x'),  // longer than sun_path
+        "udp:", "/tmp/" + std::string(sizeof(sockaddr_un::sun_path) - 5, 'x'),  // no room for the terminator
     };
     for (const std::string& b : bad) {
         std::string l = b, c = b;

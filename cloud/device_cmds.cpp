@@ -2,6 +2,7 @@
 // settings and password resets. They run on the main thread.
 #include <crypt.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -294,8 +295,9 @@ static bool list_search(const devlist_t* d, const std::string& sch)
 
 static void cloud_list(jos_cmdarg_t* ca, const cmd_args& a)
 {
-    long limit = a.num("limit", 20);
-    long page = a.num("page", 1);
+    // Bounded so that the page arithmetic cannot overflow.
+    long limit = std::clamp(a.num("limit", 20), -2147483647L, 2147483647L);
+    long page = std::clamp(a.num("page", 1), -2147483647L, 2147483647L);
     long sortname = a.num("sortname");
     long sortdesc = a.num("sortdesc");
     long expire = a.num("expire");
@@ -435,6 +437,8 @@ int cloud_ioctl(jos_cmdarg_t* ca)
     default:
         break;
     }
-    ca->ca_rlen = ca->ca_pos + 1;
+    // The terminator counts only when there is text: an empty reply must not
+    // hand back the first byte of the argument still in the segment.
+    ca->ca_rlen = ca->ca_pos > 0 ? ca->ca_pos + 1 : 0;
     return rc;
 }

@@ -73,10 +73,22 @@ std::string db_value(const std::string& sql)
     return rows.empty() || rows[0].empty() || !rows[0][0] ? "" : *rows[0][0];
 }
 
+std::string device_row(const std::string& id, const std::string& cols)
+{
+    auto rows = db_rows("select " + cols + " from vtlog.cloud_device where license_id12='" + id + "'");
+    if (rows.empty())
+        return "<none>";
+    std::string out;
+    for (size_t i = 0; i < rows[0].size(); i++)
+        out += (i ? "|" : "") + rows[0][i].value_or("NULL");
+    return out;
+}
+
 void db_reset()
 {
     db_exec("create database if not exists vtlog");
     db_exec("drop table if exists vtlog.cloud_device");
     db_exec("drop table if exists vtlog.device_discon");
     db_exec("delete from vtlog.cloud_grp");
+    db_exec("delete from vtlog.cloud_backup");
 }

@@ -15,21 +15,10 @@ namespace {
 
 using namespace std::chrono_literals;
 
-std::string row_of(const std::string& id, const std::string& cols)
-{
-    auto rows = db_rows("select " + cols + " from vtlog.cloud_device where license_id12='" + id + "'");
-    if (rows.empty())
-        return "<none>";
-    std::string out;
-    for (auto& v : rows[0])
-        out += (out.empty() ? "" : "|") + v.value_or("NULL");
-    return out;
-}
-
 bool wait_row(const std::string& id, const std::string& cols, const std::string& want,
               std::chrono::milliseconds limit = 10s)
 {
-    return wait_until([&] { return row_of(id, cols) == want; }, limit);
+    return wait_until([&] { return device_row(id, cols) == want; }, limit);
 }
 
 class Gateway : public ::testing::Test {
@@ -60,14 +49,14 @@ TEST_F(Gateway, FirstReportInsertsEveryColumnAndChangesUpdate)
     std::snprintf(r.sys_name, sizeof(r.sys_name), "%s", "o'brien \\ \"x\"; drop table t; --");
     gw.send(r);
     ASSERT_TRUE(wait_row("GW0000000001", "count(*)", "1")) << d->log();
-    EXPECT_EQ(row_of("GW0000000001",
+    EXPECT_EQ(device_row("GW0000000001",
                      "devid, sys_run, ipaddr, sys_name, license_start, license_end, license_id83, users, "
                      "max_flowcont, max_ipcnt, upbps, downbps, flowcont, web_port, ssh_port, outip, outport, "
                      "grpid, sys_name2, map_address, version, md5str"),
               "7|3600|3232235777|o'brien \\ \"x\"; drop table t; --|1700000000|1800000000|LONG-GW0000000001|12|"
               "1000|100|5000000000|7000000000|300|24569|24570|2130706433|" +
                   std::to_string(gw.port()) + "|10000||none|V2.1.0|none");
-    long t = std::stol(row_of("GW0000000001", "time"));
+    long t = std::stol(device_row("GW0000000001", "time"));
     EXPECT_LE(std::abs(t - static_cast<long>(time(nullptr))), 5);
 
     // Uptime alone changes nothing in the table; a new version does.
@@ -98,7 +87,7 @@ TEST_F(Gateway, PortPairsWrapAtTheTopOfTheRange)
     for (int i = 0; i < 3; i++) {
         std::string id = "WRAP0000000" + std::to_string(i);
         gw.send(test_gateway::status(id));
-        EXPECT_TRUE(wait_row(id, "web_port, ssh_port", want[i])) << id << " " << row_of(id, "web_port, ssh_port");
+        EXPECT_TRUE(wait_row(id, "web_port, ssh_port", want[i])) << id << " " << device_row(id, "web_port, ssh_port");
     }
 }
 
@@ -173,8 +162,8 @@ TEST_F(Gateway, RestartReloadsThePool)
     auto d = start();
     // Allocation restarts at the largest SSH port in the table; the table
     // gets the pair as allocated, the record one more on each.
-    EXPECT_EQ(row_of("LOAD00000002", "web_port, ssh_port"), "24570|24571");
-    EXPECT_EQ(row_of("LOAD00000001", "web_port, ssh_port"), "24569|24570");
+    EXPECT_EQ(device_row("LOAD00000002", "web_port, ssh_port"), "24570|24571");
+    EXPECT_EQ(device_row("LOAD00000001", "web_port, ssh_port"), "24569|24570");
 
     // A loaded device that never reports is never marked silent.
     d->step_clock(4000);
@@ -220,7 +209,7 @@ TEST_F(Gateway, PoolHoldsTwoThousandAndIgnoresTheNext)
     gw.send(last);
     EXPECT_TRUE(wait_row("FULL00000000", "version", "after"));
     EXPECT_EQ(db_value("select count(*) from vtlog.cloud_device"), "2000");
-    EXPECT_EQ(row_of("FULL00002000", "count(*)"), "0");
+    EXPECT_EQ(device_row("FULL00002000", "count(*)"), "0");
 }
 
 TEST_F(Gateway, BadDatagramsAreIgnored)

@@ -18,6 +18,7 @@
 #include "jos_cmds.h"
 #include "jos_thread.h"
 #include "jos_timer.h"
+#include "lnglat.h"
 #include "wxcmd.h"
 
 int sock = -1;
@@ -518,6 +519,11 @@ static int cloud_minit(jos_kernel_t*)
         std::puts("fail to register cloud thread!");
         return -1;
     }
+    if (jos_thread_register("updatelnglat", 2, updatelnglat) == nullptr) {
+        std::puts("fail to register updatelnglat thread!");
+        return -1;
+    }
+    lnglat_init();
     _devpool.mtx.word = 0;
     return 0;
 }

@@ -244,6 +244,37 @@ TEST_F(Gateway, BadDatagramsAreIgnored)
     EXPECT_EQ(d->cmd("cpu", 2050).rec.ca_errno, 0);
 }
 
+TEST_F(Gateway, SweepRecordsSilenceAndDropsTemporaryDevicesAfterAnHour)
+{
+    daemon_proc d;
+    // Short turns of the geolocation thread: a sweep every 0.3 s.
+    write_file(d.path("/etc/cloud.conf"), read_file(d.path("/etc/cloud.conf")) + "lnglat_turn_us=100\n");
+    d.start();
+    test_gateway gw(d.device_port());
+    gw.send(test_gateway::status("TEMP00000001"));
+    gw.send(test_gateway::status("SWEEP0000001"));
+    ASSERT_TRUE(wait_row("SWEEP0000001", "count(*)", "1"));
+    ASSERT_TRUE(wait_row("TEMP00000001", "count(*)", "1"));
+
+    d.step_clock(3599);
+    auto discon = [](const char* id) {
+        try {  // the first sweep creates the table
+            return db_value(std::string("select count(*) from vtlog.device_discon where license_id12='") + id + "'");
+        } catch (const std::exception&) {
+            return std::string("0");
+        }
+    };
+    ASSERT_TRUE(wait_until([&] { return std::stoi(discon("SWEEP0000001")) >= 2; }, 10s)) << d.log();  // two sweeps
+    EXPECT_EQ(db_value("select concat(grpid, ':', name) from vtlog.device_discon limit 1"),
+              "10000:gw-SWEEP0000001");
+    EXPECT_EQ(device_row("TEMP00000001", "count(*)"), "1");
+    EXPECT_EQ(discon("TEMP00000001"), "0");
+
+    d.step_clock(2);
+    EXPECT_TRUE(wait_row("TEMP00000001", "count(*)", "0"));
+    EXPECT_EQ(device_row("SWEEP0000001", "count(*)"), "1");
+}
+
 TEST(GatewayStart, UnreachableDatabaseStopsStartUp)
 {
     daemon_proc d;

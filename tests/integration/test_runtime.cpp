@@ -79,7 +79,7 @@ TEST_F(Runtime, ModuleStatistics)
     EXPECT_TRUE(cpu.text().rfind("cpurate=", 0) == 0) << cpu.text();
 
     auto thr = d_->cmd(nullptr, 388, "x=1 name=thread");
-    EXPECT_EQ(thr.text(), "thread_count=1\n");
+    EXPECT_EQ(thr.text(), "thread_count=2\n");
 
     for (const char* bad : {"", "name=", "x=1", "word", "x=1 word name=cpu"}) {
         auto r = d_->cmd(nullptr, 388, bad);
@@ -101,7 +101,7 @@ TEST_F(Runtime, ModuleCommands)
 
     auto threads = d_->cmd("thread", 2055);
     EXPECT_EQ(threads.rec.ca_errno, 0);
-    EXPECT_TRUE(std::regex_match(threads.text(), std::regex("cloud 1 0x[0-9a-f]+ \\(nil\\)\n"))) << threads.text();
+    EXPECT_TRUE(std::regex_match(threads.text(), std::regex("cloud 1 0x[0-9a-f]+ \\(nil\\)\nupdatelnglat 2 0x[0-9a-f]+ \\(nil\\)\n"))) << threads.text();
     EXPECT_EQ(threads.rec.ca_rlen, static_cast<int>(threads.text().size()) + 1);
 
     // dbf answers with binary 40-byte records; 39 bytes of room hold none.
@@ -328,7 +328,7 @@ TEST(Lifecycle, TermStopsWithinASecond)
     EXPECT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 0);
     EXPECT_LT(took, std::chrono::seconds(1));
-    EXPECT_NE(d.log().find("thread cloud exited!\n"), std::string::npos) << d.log();
+    EXPECT_NE(d.log().find("thread cloud exited!\nthread updatelnglat exited!\n"), std::string::npos) << d.log();
 }
 
 TEST(Lifecycle, ConfigurationLinesAreCheckedAtStart)

@@ -64,6 +64,9 @@ TEST(LnglatAmap, NothingUsableGivesNoPair)
         "\"location\":\"116.39",       // cut before the comma
         "\"location\":\"116.39,39.9",  // cut before the closing quote
         "<html>302 Found</html>\n",
+        // A short line leaves the previous, longer one behind it in the
+        // line buffer: the skip must not reach into those old bytes.
+        "AAAAAAAAAAA7.5,8.5\"\nlocation\n",
     };
     for (const char* t : texts) {
         auto r = scan(lnglat_scan_amap, t);
@@ -121,6 +124,9 @@ TEST(LnglatBaidu, IllegalBrokenAndGarbageGiveNoPair)
         "\"point\":{\"x\":\"116.4\",\"y",  // cut inside the skip to y
         "\"point\":{\"x\":\"116.4\",\"y\":\"39.9",
         "\xff\xfe\x01point\x01",
+        // Old bytes behind a short line, where x and where y would start.
+        "AAAAAAAAAAAAA116.4\",\"y\":\"39.9\"\npoint\n",
+        "AAAAAAAAAAAAAAAAAAAAAA39.9\"\n\"point\":{\"x\":\"1\"\n",
     };
     for (const char* t : texts) {
         auto r = scan(lnglat_scan_baidu, t);

@@ -1,6 +1,7 @@
 // The registry's management commands through the real socket, against
 // gateways reporting over UDP.
 #include <crypt.h>
+#include <sys/wait.h>
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -319,6 +320,40 @@ TEST_F(Commands, RelayCountsOnlyTheLastLine)
     write_file(file, "device=NOSUCH000000 x\n");
     EXPECT_EQ(run(2053, "wxcmd=1 file=" + file), "ok");
     EXPECT_EQ(run(2053, "wxcmd=1 wxcmdstatus=1"), "send=0\nsucc=0\nfail=0\n");
+}
+
+TEST_F(Commands, CommandLineShortcuts)
+{
+    report(2, [](int i, devinfo_recv_bps_t& r) { r.current_users = static_cast<uint32_t>(i); });
+    auto ctl = [&](const std::string& args) {
+        std::string cmd = std::string(CLOUDCTL_BIN) + " -r " + d_->root() + " " + args + " 2>&1";
+        FILE* p = popen(cmd.c_str(), "r");
+        std::string out;
+        char buf[4096];
+        for (size_t n; (n = fread(buf, 1, sizeof(buf), p)) > 0;)
+            out.append(buf, n);
+        int st = pclose(p);
+        return std::to_string(WEXITSTATUS(st)) + ":" + out;
+    };
+    EXPECT_EQ(ctl("setgrp DEV000000001 33"), "0:ok");
+    EXPECT_EQ(ctl("rename DEV000000001 front-door"), "0:ok");
+    EXPECT_EQ(device_row("DEV000000001", "sys_name2, grpid"), "front-door|33");
+    EXPECT_EQ(ctl("rename DEV000000001 'two words'").substr(0, 2), "1:");
+    EXPECT_EQ(ctl("rename NOSUCH x").substr(0, 2), "1:");
+
+    std::string table = ctl("devices --sort users --desc --limit 1 --table");
+    std::istringstream in(table.substr(2));
+    std::string header, row;
+    std::getline(in, header);
+    std::getline(in, row);
+    EXPECT_EQ(header.rfind("ipaddr  ", 0), 0u) << table;
+    EXPECT_EQ(header.find("|"), std::string::npos);
+    // Columns line up: each row value starts where its header name does.
+    size_t col = header.find("license_id12");
+    EXPECT_EQ(row.substr(col, 12), "DEV000000002") << table;
+    EXPECT_NE(header.find("passreset  cpu"), std::string::npos);
+    EXPECT_NE(ctl("stats --grp 33").find("device_total=2\n"), std::string::npos);
+    EXPECT_EQ(ctl("devices --sort bogus").substr(0, 2), "1:");
 }
 
 TEST_F(Commands, BadArgumentsNeverBreakTheDaemon)

@@ -5,7 +5,8 @@
 // The reply text goes to stdout. A refused command prints
 // "error <errno> <errmsg>" on stderr and exits 2; a daemon that cannot be
 // reached exits 1. -b prints a binary statistics reply, one "tag value" line
-// per 40-byte record.
+// per 40-byte record. Shortcuts name the common registry commands
+// (cloudctl devices --page 2 --table).
 #include <unistd.h>
 
 #include <cstdio>
@@ -14,6 +15,7 @@
 #include <string>
 
 #include "cloudctl_client.h"
+#include "shortcuts.h"
 
 static void usage()
 {
@@ -23,6 +25,7 @@ static void usage()
                  "  -s SOCKET  management socket path (default /var/tmp/cloud.d)\n"
                  "  -b         print a binary statistics reply as 'tag value' lines\n"
                  "  -n BYTES   reply capacity (default 1048576)\n");
+    cloudctl_shortcut_usage();
     std::exit(1);
 }
 
@@ -78,6 +81,8 @@ int main(int argc, char** argv)
     }
     if (optind >= argc)
         usage();
+    if (int rc = cloudctl_shortcut(sock, argc - optind, argv + optind); rc >= 0)
+        return rc;
     const char* module = nullptr;
     if (!isnumber(argv[optind])) {
         module = argv[optind++];

@@ -6,7 +6,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <algorithm>
 #include <cstring>
+#include <vector>
 
 namespace {
 
@@ -134,4 +136,51 @@ cloudctl_result cloudctl_command(const std::string& sock, const char* module, in
     if (module != nullptr)
         std::snprintf(rec.ca_errmsg, sizeof(rec.ca_errmsg), "%s", module);
     return cloudctl_send(sock, rec, args, capacity, true);
+}
+
+std::string cloudctl_align(const std::string& text)
+{
+    std::vector<std::vector<std::string>> rows;
+    std::vector<std::string> lines;
+    std::vector<size_t> width;
+    for (size_t pos = 0; pos < text.size();) {
+        size_t eol = text.find('\n', pos);
+        if (eol == std::string::npos)
+            eol = text.size();
+        lines.push_back(text.substr(pos, eol - pos));
+        pos = eol + 1;
+    }
+    for (const std::string& l : lines) {
+        std::vector<std::string> cells;
+        if (l.find('|') != std::string::npos) {
+            for (size_t p = 0;;) {
+                size_t bar = l.find('|', p);
+                cells.push_back(l.substr(p, bar == std::string::npos ? std::string::npos : bar - p));
+                if (bar == std::string::npos)
+                    break;
+                p = bar + 1;
+            }
+        }
+        for (size_t i = 0; i < cells.size(); i++) {
+            if (width.size() <= i)
+                width.push_back(0);
+            width[i] = std::max(width[i], cells[i].size());
+        }
+        rows.push_back(std::move(cells));
+    }
+    std::string out;
+    for (size_t r = 0; r < lines.size(); r++) {
+        if (rows[r].empty()) {
+            out += lines[r] + "\n";
+            continue;
+        }
+        std::string line;
+        for (size_t i = 0; i < rows[r].size(); i++) {
+            line += rows[r][i];
+            if (i + 1 < rows[r].size())
+                line += std::string(width[i] - rows[r][i].size() + 2, ' ');
+        }
+        out += line + "\n";
+    }
+    return out;
 }

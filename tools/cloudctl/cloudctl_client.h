@@ -16,6 +16,10 @@ struct cloudctl_result {
     std::string text() const { return std::string(data.c_str()); }
 };
 
+// Lines of '|'-separated values laid out in aligned columns (two blanks
+// apart); other lines stay as they are.
+std::string cloudctl_align(const std::string& text);
+
 // Socket path of a daemon running under ROOT (empty: the real path).
 std::string cloudctl_sockpath(const std::string& root);
 

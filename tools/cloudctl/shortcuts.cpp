@@ -1,0 +1,174 @@
+#include "shortcuts.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "cloudctl_client.h"
+
+namespace {
+
+const std::map<std::string, int> SORT_KEYS = {
+    {"id", 1},    {"time", 2},    {"start", 3},    {"end", 4},    {"users", 5}, {"flows", 6}, {"up", 7},
+    {"down", 8},  {"uptime", 9},  {"version", 10}, {"temp", 11},  {"cpu", 12},  {"name", 13},
+};
+
+const char* const LIST_COLUMNS =
+    "ipaddr|sys_name|license_start|license_end|license_id12|max_flowcont|max_ipcnt|current_users|flowcont|upbps|"
+    "downbps|time|webport|grpid|license_id83|sys_name2|sys_run|sshport|outip|longitude|latitude|map_address|"
+    "version|temp|passreset|cpu|isequal|info|eqtime|max_users|grpname|stat";
+
+// Prints the reply, or the error, and gives the exit status.
+int finish(const cloudctl_result& r, bool table)
+{
+    if (r.rc != 0) {
+        std::fprintf(stderr, "cloudctl: %s\n", r.error.c_str());
+        return 1;
+    }
+    if (r.rec.ca_errno != 0) {
+        std::fprintf(stderr, "error %d %.120s\n", r.rec.ca_errno, r.rec.ca_errmsg);
+        return 2;
+    }
+    std::string text = r.text();
+    if (table) {
+        // The reply's header names 30 columns for 32 values: people get
+        // the real names.
+        size_t eol = text.find('\n');
+        if (eol != std::string::npos)
+            text = std::string(LIST_COLUMNS) + text.substr(eol);
+        text = cloudctl_align(text);
+    }
+    std::fputs(text.c_str(), stdout);
+    return 0;
+}
+
+// Values reach the daemon as name=value words: a blank would split them.
+bool word_ok(const std::string& v, const char* what)
+{
+    if (v.find_first_of(" \t\r\n") == std::string::npos)
+        return true;
+    std::fprintf(stderr, "cloudctl: %s must not contain blanks\n", what);
+    return false;
+}
+
+// The list row of device ID, found with the whole list.
+std::vector<std::string> device_row(const std::string& sock, const std::string& id)
+{
+    cloudctl_result r = cloudctl_command(sock, "cloud", 2055, "expire=2", 4 << 20);
+    std::istringstream in(r.text());
+    for (std::string line; std::getline(in, line);) {
+        std::vector<std::string> v;
+        std::stringstream ls(line);
+        for (std::string f; std::getline(ls, f, '|');)
+            v.push_back(f);
+        if (v.size() >= 32 && v[4] == id)
+            return v;
+    }
+    return {};
+}
+
+// The settings command rewrites group, display name, address and
+// coordinates together: send the current ones with the one that changes.
+int edit(const std::string& sock, const std::string& id, const std::string* name, const std::string* grp)
+{
+    std::vector<std::string> row = device_row(sock, id);
+    if (row.empty()) {
+        std::fprintf(stderr, "cloudctl: no device %s\n", id.c_str());
+        return 1;
+    }
+    std::string args = "license_id12=" + id + " grpid=" + (grp ? *grp : row[13]) + " sysname=" +
+                       (name ? *name : row[15]) + " address=" + row[21] + " lng=" + row[19] + " lat=" + row[20];
+    return finish(cloudctl_command(sock, "cloud", 2053, args), false);
+}
+
+}  // namespace
+
+void cloudctl_shortcut_usage()
+{
+    std::fprintf(stderr,
+                 "shortcuts (module cloud):\n"
+                 "  devices [--page N] [--limit N] [--sort KEY] [--desc] [--grp N] [--search TEXT]\n"
+                 "          [--expire 0-3] [--equal] [--table]     list (KEY: id time start end users\n"
+                 "          flows up down uptime version temp cpu name)\n"
+                 "  stats [--grp N]                                  statistics\n"
+                 "  rename ID NAME                                   set the display name\n"
+                 "  setgrp ID GROUP                                  set the group\n"
+                 "  resetpass ID PASSWORD [--mfadmin N]              reset the root password\n"
+                 "  range MIN MAX                                    change the mapping port range\n");
+}
+
+int cloudctl_shortcut(const std::string& sock, int argc, char** argv)
+{
+    static const std::set<std::string> NAMES = {"devices", "stats", "rename", "setgrp", "resetpass", "range"};
+    const std::string cmd = argv[0];
+    if (NAMES.count(cmd) == 0)
+        return -1;
+    std::vector<std::string> pos;
+    std::string args;
+    bool table = false;
+    auto add = [&](const std::string& w) { args += (args.empty() ? "" : " ") + w; };
+    for (int i = 1; i < argc; i++) {
+        std::string a = argv[i];
+        auto next = [&]() -> std::string {
+            if (i + 1 >= argc) {
+                std::fprintf(stderr, "cloudctl: %s needs a value\n", a.c_str());
+                std::exit(1);
+            }
+            return argv[++i];
+        };
+        if (a == "--table")
+            table = true;
+        else if (a == "--desc")
+            add("sortdesc=1");
+        else if (a == "--equal")
+            add("showequal=1");
+        else if (a == "--page" || a == "--limit" || a == "--expire")
+            add(a.substr(2) + "=" + next());
+        else if (a == "--grp")
+            add("grpid=" + next());
+        else if (a == "--mfadmin")
+            add("mfadminpass=" + next());
+        else if (a == "--search") {
+            std::string s = next();
+            if (!word_ok(s, "the search text"))
+                return 1;
+            add("sch=" + s);
+        } else if (a == "--sort") {
+            auto k = SORT_KEYS.find(next());
+            if (k == SORT_KEYS.end()) {
+                cloudctl_shortcut_usage();
+                return 1;
+            }
+            add("sortname=" + std::to_string(k->second));
+        } else if (a.rfind("--", 0) == 0) {
+            cloudctl_shortcut_usage();
+            return 1;
+        } else {
+            pos.push_back(a);
+        }
+    }
+
+    if (cmd == "devices" && pos.empty())
+        return finish(cloudctl_command(sock, "cloud", 2055, args, 4 << 20), table);
+    if (cmd == "stats" && pos.empty())
+        return finish(cloudctl_command(sock, "cloud", 2050, args), false);
+    if (cmd == "rename" && pos.size() == 2)
+        return word_ok(pos[1], "the name") ? edit(sock, pos[0], &pos[1], nullptr) : 1;
+    if (cmd == "setgrp" && pos.size() == 2)
+        return edit(sock, pos[0], nullptr, &pos[1]);
+    if (cmd == "resetpass" && pos.size() == 2) {
+        if (!word_ok(pos[1], "the password"))
+            return 1;
+        add("license_id12=" + pos[0] + " rootpass=" + pos[1]);
+        return finish(cloudctl_command(sock, "cloud", 2053, args), false);
+    }
+    if (cmd == "range" && pos.size() == 2)
+        return finish(cloudctl_command(sock, "cloud", 2056, "minport=" + pos[0] + " maxport=" + pos[1]), false);
+    cloudctl_shortcut_usage();
+    return 1;
+}

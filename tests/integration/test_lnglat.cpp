@@ -69,11 +69,14 @@ protected:
         gw.send(test_gateway::status(id));
     }
 
+    static std::string coords(const std::string& id)
+    {
+        return device_row(id, "version, round(longitude, 6), round(latitude, 6)");
+    }
+    // WANT as the table shows it rounded: "LNG|LAT" with six decimals each.
     static bool wait_coords(const std::string& id, const std::string& want)
     {
-        return wait_until([&] { return device_row(id, "version, round(longitude, 6), round(latitude, 6)") ==
-                                       "V2.1.0|" + want; },
-                          10s);
+        return wait_until([&] { return coords(id) == "V2.1.0|" + want; }, 10s);
     }
 };
 
@@ -104,10 +107,10 @@ TEST_F(Lnglat, AddressesAreGeocodedAndOthersLocatedByTheirPublicAddress)
     test_gateway gw(d->device_port());
     for (const char* id : {"A1ADDR000001", "B2IP00000001", "C3ILLEGAL001"})
         report(gw, id);
-    EXPECT_TRUE(wait_coords("A1ADDR000001", "116.397128|39.916527")) << device_row("A1ADDR000001", "*");
+    EXPECT_TRUE(wait_coords("A1ADDR000001", "116.397128|39.916527")) << coords("A1ADDR000001");
     // The IP-location point is shifted into the map's system.
-    EXPECT_TRUE(wait_coords("B2IP00000001", "116.3935|39.894")) << device_row("B2IP00000001", "*");
-    EXPECT_TRUE(wait_coords("C3ILLEGAL001", "100.5|30.25")) << device_row("C3ILLEGAL001", "*");
+    EXPECT_TRUE(wait_coords("B2IP00000001", "116.393500|39.894000")) << coords("B2IP00000001");
+    EXPECT_TRUE(wait_coords("C3ILLEGAL001", "100.500000|30.250000")) << coords("C3ILLEGAL001");
 }
 
 TEST_F(Lnglat, FailedRequestsKeepCoordinatesAndPassesGoOn)
@@ -142,12 +145,12 @@ TEST_F(Lnglat, FailedRequestsKeepCoordinatesAndPassesGoOn)
     for (const char* id : {"A1GOOD000001", "B2DROP000001", "C3ERROR00001", "D4GARBAGE001", "E5ZERO000001",
                            "F6HANG000001"})
         report(gw, id);
-    EXPECT_TRUE(wait_coords("A1GOOD000001", "120.5|30.5")) << device_row("A1GOOD000001", "*");
-    EXPECT_TRUE(wait_coords("B2DROP000001", "1.5|2.5")) << device_row("B2DROP000001", "*");
-    EXPECT_TRUE(wait_coords("C3ERROR00001", "3.5|4.5")) << device_row("C3ERROR00001", "*");
-    EXPECT_TRUE(wait_coords("D4GARBAGE001", "5.5|6.5")) << device_row("D4GARBAGE001", "*");
-    EXPECT_TRUE(wait_coords("E5ZERO000001", "7.5|8.5")) << device_row("E5ZERO000001", "*");
-    EXPECT_TRUE(wait_coords("F6HANG000001", "9.5|10.5")) << device_row("F6HANG000001", "*");
+    EXPECT_TRUE(wait_coords("A1GOOD000001", "120.500000|30.500000")) << coords("A1GOOD000001");
+    EXPECT_TRUE(wait_coords("B2DROP000001", "1.500000|2.500000")) << coords("B2DROP000001");
+    EXPECT_TRUE(wait_coords("C3ERROR00001", "3.500000|4.500000")) << coords("C3ERROR00001");
+    EXPECT_TRUE(wait_coords("D4GARBAGE001", "5.500000|6.500000")) << coords("D4GARBAGE001");
+    EXPECT_TRUE(wait_coords("E5ZERO000001", "7.500000|8.500000")) << coords("E5ZERO000001");
+    EXPECT_TRUE(wait_coords("F6HANG000001", "9.500000|10.500000")) << coords("F6HANG000001");
 }
 
 }  // namespace

@@ -79,6 +79,7 @@ TEST(FixedPool, FreeListOrderChainsAndReuse)
     int seen = 0;
     p.each([&](rec*) { seen++; });
     EXPECT_EQ(seen, 4);
+    std::free(p.first());  // pools live as long as the daemon; this one does not
 }
 
 TEST(DevicePool, DisplayNameLookupKeepsItsShortCopy)

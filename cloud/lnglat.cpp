@@ -213,7 +213,7 @@ int lnglat_fetch(jos_thread_t* td, const std::string& url, const std::string& pa
     CURLcode rc = curl_easy_perform(h);
     long status = 0;
     curl_easy_getinfo(h, CURLINFO_RESPONSE_CODE, &status);
-    bool ok = std::fclose(f.release()) == 0 && rc == CURLE_OK && status >= 200 && status < 300;
+    bool ok = std::fclose(f.release()) == 0 && rc == CURLE_OK;
     if (!ok)
         fs::remove(path, ec);
     return ok ? 0 : -1;

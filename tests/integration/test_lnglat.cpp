@@ -154,3 +154,16 @@ TEST_F(Lnglat, FailedRequestsKeepCoordinatesAndPassesGoOn)
 }
 
 }  // namespace
+namespace {
+TEST_F(Lnglat, DISABLED_NanProbe)
+{
+    prepare("('A1NAN0000001', 'a', 'nan', '0', 1.5, 2.5, 'old', 0)");
+    http_fixture web;
+    web.answer(amap_target("nan"), amap_answer("nan,nan"));
+    auto d = start(web);
+    ASSERT_TRUE(wait_until([&] { return web.count(amap_target("nan")) >= 2; }, 30s));
+    test_gateway gw(d->device_port());
+    report(gw, "A1NAN0000001");
+    EXPECT_TRUE(wait_coords("A1NAN0000001", "1.500000|2.500000")) << coords("A1NAN0000001") << d->log();
+}
+}

@@ -12,6 +12,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <cmath>
 #include <cstring>
 #include <filesystem>
 #include <memory>
@@ -213,7 +214,7 @@ int lnglat_fetch(jos_thread_t* td, const std::string& url, const std::string& pa
     CURLcode rc = curl_easy_perform(h);
     long status = 0;
     curl_easy_getinfo(h, CURLINFO_RESPONSE_CODE, &status);
-    bool ok = std::fclose(f.release()) == 0 && rc == CURLE_OK;
+    bool ok = std::fclose(f.release()) == 0 && rc == CURLE_OK && status >= 200 && status < 300;
     if (!ok)
         fs::remove(path, ec);
     return ok ? 0 : -1;
@@ -264,9 +265,10 @@ void lnglat_pass(jos_thread_t* td, const lnglat_conf& cf, const std::string& scr
             if (rc == 0)
                 rc = lnglat_scanfile(scratch, lnglat_scan_baidu, &lng, &lat);
         }
-        // Zero on either axis means the service found nothing. Not-a-number
-        // compares unequal to zero and is taken like any other value.
-        if (rc != 0 || lng == 0 || lat == 0)
+        // Zero on either axis means the service found nothing. A value that
+        // is not a finite number is garbage too: kept, it would make every
+        // later update write of the device fail.
+        if (rc != 0 || lng == 0 || lat == 0 || !std::isfinite(lng) || !std::isfinite(lat))
             continue;
 
         // The slot may have been freed and handed to another gateway while

@@ -1,0 +1,352 @@
+#!/usr/bin/env bash
+# Benchmarks of the cloud daemon; prints one compact report on stdout
+# (progress goes to stderr).
+#
+#   bench/run.sh
+#
+# Builds cloud, cloudctl, vtsim and the bench programs (RelWithDebInfo, no
+# sanitizers) into build/, starts a private MariaDB in a temporary folder and
+# the daemon under a temporary root on free ports, and measures:
+#   - burst registration of 2000 never-seen gateways (unpaced on one socket,
+#     unpaced from a socket each, paced at 2000/s): time until the pool and
+#     the table hold all of them, and what was lost;
+#   - management-command latency with the 2000 gateways registered;
+#   - status-report ingest at a ladder of rates against the daemon and
+#     against udp_sink (the bare receive loop), fed by the same vtsim load
+#     generator, and the highest rate each keeps under 0.1% loss;
+#   - resident memory after the load, and start-up time with 2000 rows.
+# Everything it starts is stopped on exit, by PID.
+set -euo pipefail
+
+cd "$(dirname -- "${BASH_SOURCE[0]}")/.."
+top=$(pwd)
+readonly top
+readonly BUILD="$top/build"
+readonly GW=2000           # gateways (the device pool holds exactly this many)
+readonly STEP_SECONDS=3    # one step of the ingest ladder
+readonly PROBE_SECONDS=2   # one probe of the max-rate search
+readonly LADDER=(20000 50000 100000 150000 0)  # 0: as fast as vtsim sends
+readonly LOSS_LIMIT=0.1    # percent, for the max-rate search
+readonly MGMT_ITER=200
+readonly MGMT_SECONDS=3    # cap per command
+
+log() { printf '[bench] %s\n' "$*" >&2; }
+die() { log "error: $*"; exit 1; }
+
+# ---------------------------------------------------------------- build
+log "building (RelWithDebInfo) into $BUILD"
+gen=()
+[[ -f "$BUILD/CMakeCache.txt" ]] || gen=(-G Ninja)
+cmake -S "$top" -B "$BUILD" "${gen[@]}" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCLOUD_SANITIZE=OFF >/dev/null
+cmake --build "$BUILD" --target cloud cloudctl vtsim udp_sink mgmt_latency reg_watch -j "$(nproc)" >/dev/null
+readonly CLOUD="$BUILD/cloud" CTL="$BUILD/cloudctl" VTSIM="$BUILD/vtsim"
+readonly SINK="$BUILD/bench/udp_sink" MGMT="$BUILD/bench/mgmt_latency" WATCH="$BUILD/bench/reg_watch"
+for b in "$CLOUD" "$CTL" "$VTSIM" "$SINK" "$MGMT" "$WATCH"; do
+    [[ -x "$b" ]] || die "$b was not built"
+done
+command -v mariadb >/dev/null || die "mariadb client missing; run scripts/setup.sh"
+command -v python3 >/dev/null || die "python3 missing; run scripts/setup.sh"
+
+# ---------------------------------------------------------------- set-up and clean-up
+work=$(mktemp -d /tmp/cloud-bench.XXXXXX)
+readonly work root="$work/root"
+daemon_pid=
+sink_pid=
+db_started=0
+
+# Stops process $1 (one of ours) with SIGTERM, SIGKILL after 10 s.
+stop_pid() {
+    local pid=$1 i
+    [[ -n "$pid" ]] || return 0
+    kill -TERM "$pid" 2>/dev/null || true
+    for ((i = 0; i < 100; i++)); do
+        kill -0 "$pid" 2>/dev/null || break
+        # A zombie still answers kill -0; reap it once it is done.
+        [[ "$(awk '{print $3}' "/proc/$pid/stat" 2>/dev/null)" == Z ]] && break
+        sleep 0.1
+    done
+    kill -0 "$pid" 2>/dev/null && [[ "$(awk '{print $3}' "/proc/$pid/stat" 2>/dev/null)" != Z ]] &&
+        kill -KILL "$pid" 2>/dev/null
+    wait "$pid" 2>/dev/null || true
+}
+
+cleanup() {
+    local rc=$?
+    stop_pid "$sink_pid"
+    stop_pid "$daemon_pid"
+    if ((db_started)); then
+        "$top/scripts/mariadb.sh" stop "$work/db" >/dev/null 2>&1 || true
+    fi
+    rm -rf -- "$work"
+    exit "$rc"
+}
+trap cleanup EXIT
+trap 'exit 130' INT TERM
+
+free_udp_port() {
+    python3 -c 'import socket
+s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+s.bind(("127.0.0.1", 0))
+print(s.getsockname()[1])'
+}
+
+now_us() { local t=${EPOCHREALTIME//[!0-9]/}; printf '%s\n' "$t"; }
+
+log "starting MariaDB in $work/db"
+db_started=1
+eval "$("$top/scripts/mariadb.sh" start "$work/db" 2>"$work/mariadb.log")" ||
+    { cat -- "$work/mariadb.log" >&2; die "MariaDB did not start"; }
+
+sql() {
+    mariadb --no-defaults --protocol=socket --socket="$CLOUD_DB_SOCKET" -u"$CLOUD_DB_USER" \
+        -p"$CLOUD_DB_PASSWORD" --batch --skip-column-names -e "$1"
+}
+
+readonly PORT=$(free_udp_port)
+mkdir -p -- "$root/var/tmp" "$root/etc" "$root/tmp"
+printf 'device_port=%s\n' "$PORT" >"$root/etc/cloud.conf"
+
+# True once a socket is bound to UDP port $1.
+udp_bound() {
+    local hex
+    hex=$(printf '%04X' "$1")
+    awk -v p=":$hex" 'NR > 1 && substr($2, length($2) - 4) == p { f = 1 } END { exit !f }' \
+        /proc/net/udp /proc/net/udp6 2>/dev/null
+}
+
+# Starts the daemon; sets startup_ms (spawn to the first answer of the
+# management socket) and waits until the device port is bound.
+start_daemon() {
+    local t0 ready i
+    t0=$(now_us)
+    "$CLOUD" -f -r "$root" >>"$work/daemon.log" 2>&1 &
+    daemon_pid=$!
+    ready=$("$MGMT" --root "$root" --wait-ready --timeout 60) ||
+        { tail -n 20 -- "$work/daemon.log" >&2; die "daemon did not answer"; }
+    startup_ms=$(( (${ready#ready_us=} - t0) / 1000 ))
+    for ((i = 0; i < 500; i++)); do
+        udp_bound "$PORT" && return 0
+        sleep 0.01
+    done
+    die "daemon did not bind UDP port $PORT"
+}
+
+stop_daemon() {
+    stop_pid "$daemon_pid"
+    daemon_pid=
+}
+
+# Value of KEY in a "key=value key=value" line.
+field() { sed -n "s/.*\\b$1=\\([^ /]*\\).*/\\1/p" <<<"$2"; }
+
+device_total() { "$CTL" -r "$root" cloud 2050 | sed -n 's/^device_total=//p'; }
+
+# CPU time (ns) of each thread of process $1: "tid ns" lines.
+thread_cpu() {
+    local t
+    for t in /proc/"$1"/task/*; do
+        [[ -r "$t/schedstat" ]] && printf '%s %s\n' "${t##*/}" "$(cut -d' ' -f1 "$t/schedstat")"
+    done
+}
+
+# Largest per-thread CPU growth between two thread_cpu snapshots: the
+# thread that did the receiving.
+max_cpu_delta() {
+    awk 'NR == FNR { a[$1] = $2; next } { d = $2 - a[$1]; if (d > m) m = d } END { print m + 0 }' \
+        <(printf '%s\n' "$1") <(printf '%s\n' "$2")
+}
+
+# ---------------------------------------------------------------- 1. burst registration
+# One burst: empty table, fresh daemon, then reg_watch times vtsim.
+# $1: label; the rest: vtsim options besides port, count and reports.
+declare -a burst_lines=()
+burst() {
+    local label=$1 out n last
+    shift
+    stop_daemon
+    sql "delete from vtlog.cloud_device"
+    start_daemon
+    [[ "$(device_total)" == 0 ]] || die "pool not empty before the burst"
+    log "burst: $label"
+    out=$("$WATCH" --root "$root" --port "$PORT" --target "$GW" --timeout 10 --settle 3 -- \
+        "$VTSIM" --port "$PORT" --count "$GW" --reports 1 --quiet --linger 0 "$@" 2>>"$work/vtsim.log")
+    n=$(field pool "$out")
+    last=$(field pool_last_ms "$out")
+    burst_lines+=("$(printf '  %-30s %5s %8s %9s %8s/%s %6s %6s' "$label" "$(field sender_ms "$out")" \
+        "$(field pool_all_ms "$out")" "$(field table_all_ms "$out")" "$n" "$GW" \
+        "$(awk -v n="$n" -v t="$last" 'BEGIN { printf "%.0f", (t > 0 ? n * 1000 / t : 0) }')" \
+        "$(field drops "$out")")")
+}
+
+# Registers whatever of the GW gateways is missing (paced, so that nothing
+# is dropped) and checks that pool and table hold all of them.
+ensure_registered() {
+    local try rows
+    for ((try = 0; try < 3; try++)); do
+        rows=$(sql "select count(*) from vtlog.cloud_device")
+        [[ "$(device_total)" == "$GW" && "$rows" == "$GW" ]] && return 0
+        log "registering the missing gateways (pool $(device_total), table $rows)"
+        "$WATCH" --root "$root" --port "$PORT" --target "$GW" --timeout 10 --settle 2 -- \
+            "$VTSIM" --port "$PORT" --count "$GW" --reports 1 --quiet --linger 0 --shared-socket \
+            --rate 2000 >/dev/null 2>>"$work/vtsim.log"
+    done
+    die "could not register $GW gateways (pool $(device_total), table $rows)"
+}
+
+start_daemon
+startup_empty_ms=$startup_ms
+
+burst "unpaced, one socket" --shared-socket --rate 1000000
+fdmax=$(ulimit -Hn)
+if [[ "$fdmax" == unlimited ]] || ((fdmax >= GW + 100)); then
+    burst "unpaced, a socket per gateway" --rate 1000000
+else
+    burst_lines+=("  unpaced, a socket per gateway: skipped (hard limit on open files: $fdmax)")
+fi
+burst "paced 2000/s, one socket" --shared-socket --rate 2000
+ensure_registered
+
+# ---------------------------------------------------------------- 2. management commands
+log "management-command latency ($MGMT_ITER each, at most ${MGMT_SECONDS}s each)"
+mgmt_out=$("$MGMT" --root "$root" --iterations "$MGMT_ITER" --seconds "$MGMT_SECONDS")
+
+# ---------------------------------------------------------------- 3. ingest: daemon vs bare loop
+sink_cpu=-1
+(($(nproc) > 1)) && sink_cpu=1  # the daemon pins its receive thread to CPU 1
+
+# One load step against TARGET (daemon or sink) at RATE for SECS seconds.
+# Sets: r_sent r_proc r_loss (percent) r_prate (processed/s) r_ns (receiving
+# thread's CPU ns per datagram).
+load_step() {
+    local target=$1 rate=$2 secs=$3 port pid before after out i
+    if [[ "$target" == daemon ]]; then
+        port=$PORT
+        pid=$daemon_pid
+    else
+        port=$(free_udp_port)
+        "$SINK" --port "$port" --seconds $((secs + 20)) --cpu "$sink_cpu" >"$work/sink.out" 2>&1 &
+        sink_pid=$!
+        pid=$sink_pid
+        for ((i = 0; i < 2000; i++)); do
+            grep -qs '^ready' "$work/sink.out" && break
+            kill -0 "$sink_pid" 2>/dev/null || die "udp_sink ended: $(cat "$work/sink.out")"
+            sleep 0.01
+        done
+        ((i < 2000)) || die "udp_sink not ready after 20 s"
+        ((i < 100)) || log "udp_sink took ${i}0 ms to start"
+    fi
+    before=$(thread_cpu "$pid")
+    out=$("$VTSIM" --load --rate "$rate" --duration "$secs" --shared-socket --count "$GW" --port "$port" \
+        --quiet --linger 1 2>>"$work/vtsim.log" | grep '^sent=')
+    after=$(thread_cpu "$pid")
+    r_sent=$(field sent "$out")
+    local lost elapsed
+    lost=$(field lost "$out")
+    elapsed=$(field elapsed "$out")
+    if [[ "$target" == daemon ]]; then
+        r_proc=$((r_sent - lost))
+    else
+        stop_pid "$sink_pid"
+        sink_pid=
+        r_proc=$(field received "$(grep '^received=' "$work/sink.out")")
+    fi
+    read -r r_loss r_prate r_ns < <(awk -v s="$r_sent" -v p="$r_proc" -v e="$elapsed" \
+        -v c="$(max_cpu_delta "$before" "$after")" \
+        'BEGIN { printf "%.3f %.0f %.0f\n", (s > 0 ? (s - p) * 100 / s : 0), (e > 0 ? p / e : 0), (p > 0 ? c / p : 0) }')
+}
+
+declare -A L_sent L_proc L_loss L_prate L_ns
+declare -a ingest_lines=()
+for rate in "${LADDER[@]}"; do
+    for target in daemon sink; do
+        log "ingest: $target at ${rate}/s"
+        load_step "$target" "$rate" "$STEP_SECONDS"
+        k="$target:$rate"
+        L_sent[$k]=$r_sent L_proc[$k]=$r_proc L_loss[$k]=$r_loss L_prate[$k]=$r_prate L_ns[$k]=$r_ns
+    done
+    label=$rate
+    ((rate == 0)) && label=unpaced
+    ratio=$(awk -v a="${L_prate[daemon:$rate]}" -v b="${L_prate[sink:$rate]}" \
+        'BEGIN { printf "%.2f", (b > 0 ? a / b : 0) }')
+    for target in daemon sink; do
+        k="$target:$rate"
+        line=$(printf '  %-8s %-6s %8s %9s %7s%% %8s/s %7s' "$label" "$target" "${L_sent[$k]}" \
+            "${L_proc[$k]}" "${L_loss[$k]}" "${L_prate[$k]}" "${L_ns[$k]}")
+        [[ "$target" == daemon ]] && line+="   daemon/sink=$ratio"
+        ingest_lines+=("$line")
+    done
+done
+
+below_limit() { awk -v l="$1" -v m="$LOSS_LIMIT" 'BEGIN { exit !(l < m) }'; }
+
+# Highest rate with loss under LOSS_LIMIT: bracket from the ladder, then
+# three bisection probes of PROBE_SECONDS.
+declare -a maxrate_lines=()
+for target in daemon sink; do
+    lo=0 hi=0
+    for rate in "${LADDER[@]}"; do
+        ((rate == 0)) && continue
+        if below_limit "${L_loss[$target:$rate]}"; then
+            ((hi == 0)) && lo=$rate
+        elif ((hi == 0)); then
+            hi=$rate
+        fi
+    done
+    if ((hi == 0)); then
+        if below_limit "${L_loss[$target:0]}"; then
+            maxrate_lines+=("$(printf '  %-6s >= %s/s (no loss unpaced: the sender is the limit)' "$target" \
+                "${L_prate[$target:0]}")")
+            continue
+        fi
+        hi=$(awk -v s="${L_sent[$target:0]}" -v t="$STEP_SECONDS" 'BEGIN { printf "%d", s / t }')
+    fi
+    for ((probe = 0; probe < 3 && hi - lo > 2000; probe++)); do
+        mid=$(( (lo + hi) / 2000 * 1000 ))
+        log "max-rate search: $target at ${mid}/s"
+        load_step "$target" "$mid" "$PROBE_SECONDS"
+        if below_limit "$r_loss"; then lo=$mid; else hi=$mid; fi
+    done
+    maxrate_lines+=("$(printf '  %-6s ~%s/s (between %s and %s/s)' "$target" "$lo" "$lo" "$hi")")
+done
+
+# ---------------------------------------------------------------- 4. memory, idle CPU, start-up
+rss=$(awk '/^VmRSS/ { print $2 " " $3 }' "/proc/$daemon_pid/status")
+hwm=$(awk '/^VmHWM/ { print $2 " " $3 }' "/proc/$daemon_pid/status")
+before=$(thread_cpu "$daemon_pid")
+t0=$(now_us)
+sleep 2
+after=$(thread_cpu "$daemon_pid")
+t1=$(now_us)
+idle_cpu=$(awk 'NR == FNR { a[$1] = $2; next } { s += $2 - a[$1] } END { print s }' \
+    <(printf '%s\n' "$before") <(printf '%s\n' "$after"))
+idle_pct=$(awk -v c="$idle_cpu" -v t="$((t1 - t0))" 'BEGIN { printf "%.1f", c / (t * 10) }')
+
+log "restarting with $GW rows in the table"
+stop_daemon
+start_daemon
+startup_full_ms=$startup_ms
+loaded=$(device_total)
+stop_daemon
+
+# ---------------------------------------------------------------- report
+{
+    printf 'cloud benchmarks: %s  nproc=%s  %s  RelWithDebInfo\n' "$(date -u '+%Y-%m-%d %H:%M UTC')" \
+        "$(nproc)" "$(uname -r)"
+    printf '\n[1] status-report ingest, %d gateways, %d-s steps, vtsim --load on one socket\n' "$GW" \
+        "$STEP_SECONDS"
+    printf '    daemon: processed = sent - kernel drops; sink (bare poll+recvfrom loop): its own count\n'
+    printf '    cpu = CPU ns per datagram of the receiving thread\n'
+    printf '  %-8s %-6s %8s %9s %8s %10s %7s\n' rate target sent processed loss processed cpu
+    printf '%s\n' "${ingest_lines[@]}"
+    printf '  max rate under %s%% loss (%d-s probes):\n' "$LOSS_LIMIT" "$PROBE_SECONDS"
+    printf '%s\n' "${maxrate_lines[@]}"
+    printf '\n[2] burst registration of %d new gateways (ms from vtsim start; -1: never)\n' "$GW"
+    printf '  %-30s %5s %8s %9s %13s %6s %6s\n' mode sent pool_all table_all registered "reg/s" drops
+    printf '%s\n' "${burst_lines[@]}"
+    printf '\n[3] management commands, %d devices (client round trip, us)\n' "$GW"
+    sed 's/^/  /' <<<"$mgmt_out"
+    printf '\n[4] start-up (spawn to first answer of command 511): empty table %d ms, %d rows %d ms' \
+        "$startup_empty_ms" "$GW" "$startup_full_ms"
+    printf ' (device_total=%s)\n' "$loaded"
+    printf '    daemon after the load: VmRSS %s, VmHWM %s; idle CPU %s%% of one core\n' "$rss" "$hwm" "$idle_pct"
+}

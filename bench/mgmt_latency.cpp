@@ -5,7 +5,8 @@
 //   mgmt_latency --root R [--iterations N] [--seconds S]
 //       runs every command of the set N times (default 200), giving each at
 //       most S seconds (default 5), and prints one line per command:
-//       <name> n=.. min=.. median=.. p90=.. p99=.. max=.. us reply=..B
+//       <name> n=.. min=.. median=.. p90=.. p99=.. max=.. us text=..B rlen=..
+//       (text: the reply text; rlen: the reply length the record gave back)
 //   mgmt_latency --root R --wait-ready [--timeout S]
 //       polls the no-op command (global 511) every millisecond until it is
 //       answered and prints "ready_us=T" (CLOCK_REALTIME, microseconds), so
@@ -31,18 +32,25 @@ struct bench_cmd {
     const char* module;  // null: a global command
     int code;
     const char* args;
+    size_t capacity;  // reply segment the client offers
 };
+
+constexpr size_t MIB = 1 << 20;  // cloudctl's default reply capacity
 
 // The full device list in its three shapes (pool order, sorted by a string
 // key, sorted by a number), the statistics, and a command that does nothing,
-// whose time is the cost of the transport alone.
+// whose time is the cost of the transport alone. The no-op runs twice: the
+// daemon leaves its ca_rlen at the capacity asked for, so with cloudctl's
+// 1 MiB the client copies a whole empty megabyte back; with 4 KiB it is the
+// bare round trip.
 const bench_cmd COMMANDS[] = {
-    {"list-2000-unsorted", "cloud", 2055, "limit=2000"},
-    {"list-2000-sort-id", "cloud", 2055, "limit=2000 sortname=1"},
-    {"list-2000-sort-name2", "cloud", 2055, "limit=2000 sortname=13"},
-    {"list-2000-sort-users", "cloud", 2055, "limit=2000 sortname=5"},
-    {"stats", "cloud", 2050, ""},
-    {"noop-511", nullptr, 511, ""},
+    {"list-2000-unsorted", "cloud", 2055, "limit=2000", MIB},
+    {"list-2000-sort-id", "cloud", 2055, "limit=2000 sortname=1", MIB},
+    {"list-2000-sort-name2", "cloud", 2055, "limit=2000 sortname=13", MIB},
+    {"list-2000-sort-users", "cloud", 2055, "limit=2000 sortname=5", MIB},
+    {"stats", "cloud", 2050, "", MIB},
+    {"noop-511", nullptr, 511, "", MIB},
+    {"noop-511-4k", nullptr, 511, "", 4096},
 };
 
 [[noreturn]] void usage()
@@ -118,11 +126,12 @@ int main(int argc, char** argv)
     for (const bench_cmd& c : COMMANDS) {
         std::vector<double> us;
         us.reserve(static_cast<size_t>(iterations));
-        size_t reply = 0;
+        size_t text = 0;
+        long rlen = 0;
         const auto end = clk::now() + std::chrono::duration<double>(seconds);
         for (int i = 0; i < iterations && clk::now() < end; i++) {
             auto t0 = clk::now();
-            cloudctl_result r = cloudctl_command(sock, c.module, c.code, c.args);
+            cloudctl_result r = cloudctl_command(sock, c.module, c.code, c.args, c.capacity);
             auto t1 = clk::now();
             if (r.rc != 0 || r.rec.ca_errno != 0) {
                 std::fprintf(stderr, "mgmt_latency: %s failed: %s errno=%d\n", c.name, r.error.c_str(),
@@ -131,13 +140,14 @@ int main(int argc, char** argv)
                 break;
             }
             us.push_back(std::chrono::duration<double, std::micro>(t1 - t0).count());
-            reply = r.text().size();
+            text = r.text().size();
+            rlen = r.rec.ca_rlen;
         }
         if (us.empty())
             continue;
         std::sort(us.begin(), us.end());
-        std::printf("%-21s n=%-4zu min=%-7.0f median=%-7.0f p90=%-7.0f p99=%-7.0f max=%-7.0f us  reply=%zuB\n", c.name,
-                    us.size(), us.front(), pct(us, 0.5), pct(us, 0.9), pct(us, 0.99), us.back(), reply);
+        std::printf("%-20s n=%-3zu min=%-6.0f median=%-6.0f p90=%-6.0f p99=%-6.0f max=%-6.0f us  text=%zuB rlen=%ld\n",
+                    c.name, us.size(), us.front(), pct(us, 0.5), pct(us, 0.9), pct(us, 0.99), us.back(), text, rlen);
     }
     return failures == 0 ? 0 : 1;
 }

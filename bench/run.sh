@@ -8,8 +8,8 @@
 # sanitizers) into build/, starts a private MariaDB in a temporary folder and
 # the daemon under a temporary root on free ports, and measures:
 #   - burst registration of 2000 never-seen gateways (unpaced on one socket,
-#     unpaced from a socket each, paced at 2000/s): time until the pool and
-#     the table hold all of them, and what was lost;
+#     unpaced from a socket each, paced at 2000/s and 1000/s): time until the
+#     pool and the table hold all of them, and what was lost;
 #   - management-command latency with the 2000 gateways registered;
 #   - status-report ingest at a ladder of rates against the daemon and
 #     against udp_sink (the bare receive loop), fed by the same vtsim load
@@ -23,12 +23,12 @@ top=$(pwd)
 readonly top
 readonly BUILD="$top/build"
 readonly GW=2000           # gateways (the device pool holds exactly this many)
-readonly STEP_SECONDS=3    # one step of the ingest ladder
+readonly STEP_SECONDS=2    # one step of the ingest ladder
 readonly PROBE_SECONDS=2   # one probe of the max-rate search
-readonly LADDER=(20000 50000 100000 150000 0)  # 0: as fast as vtsim sends
+readonly LADDER=(20000 50000 100000 0)  # 0: as fast as vtsim sends
 readonly LOSS_LIMIT=0.1    # percent, for the max-rate search
 readonly MGMT_ITER=200
-readonly MGMT_SECONDS=3    # cap per command
+readonly MGMT_SECONDS=4    # cap per command
 
 log() { printf '[bench] %s\n' "$*" >&2; }
 die() { log "error: $*"; exit 1; }
@@ -65,8 +65,9 @@ stop_pid() {
         [[ "$(awk '{print $3}' "/proc/$pid/stat" 2>/dev/null)" == Z ]] && break
         sleep 0.1
     done
-    kill -0 "$pid" 2>/dev/null && [[ "$(awk '{print $3}' "/proc/$pid/stat" 2>/dev/null)" != Z ]] &&
-        kill -KILL "$pid" 2>/dev/null
+    if kill -0 "$pid" 2>/dev/null && [[ "$(awk '{print $3}' "/proc/$pid/stat" 2>/dev/null)" != Z ]]; then
+        kill -KILL "$pid" 2>/dev/null || true
+    fi
     wait "$pid" 2>/dev/null || true
 }
 
@@ -98,11 +99,12 @@ eval "$("$top/scripts/mariadb.sh" start "$work/db" 2>"$work/mariadb.log")" ||
     { cat -- "$work/mariadb.log" >&2; die "MariaDB did not start"; }
 
 sql() {
-    mariadb --no-defaults --protocol=socket --socket="$CLOUD_DB_SOCKET" -u"$CLOUD_DB_USER" \
-        -p"$CLOUD_DB_PASSWORD" --batch --skip-column-names -e "$1"
+    MYSQL_PWD="$CLOUD_DB_PASSWORD" mariadb --no-defaults --protocol=socket --socket="$CLOUD_DB_SOCKET" \
+        -u"$CLOUD_DB_USER" --batch --skip-column-names -e "$1"
 }
 
-readonly PORT=$(free_udp_port)
+PORT=$(free_udp_port)
+readonly PORT
 mkdir -p -- "$root/var/tmp" "$root/etc" "$root/tmp"
 printf 'device_port=%s\n' "$PORT" >"$root/etc/cloud.conf"
 
@@ -204,6 +206,7 @@ else
     burst_lines+=("  unpaced, a socket per gateway: skipped (hard limit on open files: $fdmax)")
 fi
 burst "paced 2000/s, one socket" --shared-socket --rate 2000
+burst "paced 1000/s, one socket" --shared-socket --rate 1000
 ensure_registered
 
 # ---------------------------------------------------------------- 2. management commands
@@ -255,41 +258,67 @@ load_step() {
         'BEGIN { printf "%.3f %.0f %.0f\n", (s > 0 ? (s - p) * 100 / s : 0), (e > 0 ? p / e : 0), (p > 0 ? c / p : 0) }')
 }
 
-declare -A L_sent L_proc L_loss L_prate L_ns
+# Each step runs twice per target, in the order daemon, sink, sink, daemon,
+# so that a slow spell of the machine hits both alike; the run with the
+# higher processed rate is kept and the other one's loss is shown beside it.
+declare -A L_sent L_proc L_loss L_prate L_ns L_other
 declare -a ingest_lines=()
 for rate in "${LADDER[@]}"; do
-    for target in daemon sink; do
+    for target in daemon sink sink daemon; do
         log "ingest: $target at ${rate}/s"
         load_step "$target" "$rate" "$STEP_SECONDS"
         k="$target:$rate"
-        L_sent[$k]=$r_sent L_proc[$k]=$r_proc L_loss[$k]=$r_loss L_prate[$k]=$r_prate L_ns[$k]=$r_ns
+        if [[ -z "${L_prate[$k]:-}" ]]; then
+            L_sent[$k]=$r_sent L_proc[$k]=$r_proc L_loss[$k]=$r_loss L_prate[$k]=$r_prate L_ns[$k]=$r_ns
+        elif ((r_prate > L_prate[$k])); then
+            L_other[$k]=${L_loss[$k]}
+            L_sent[$k]=$r_sent L_proc[$k]=$r_proc L_loss[$k]=$r_loss L_prate[$k]=$r_prate L_ns[$k]=$r_ns
+        else
+            L_other[$k]=$r_loss
+        fi
     done
     label=$rate
     ((rate == 0)) && label=unpaced
     ratio=$(awk -v a="${L_prate[daemon:$rate]}" -v b="${L_prate[sink:$rate]}" \
         'BEGIN { printf "%.2f", (b > 0 ? a / b : 0) }')
+    cpuratio=$(awk -v a="${L_ns[daemon:$rate]}" -v b="${L_ns[sink:$rate]}" \
+        'BEGIN { printf "%.2f", (b > 0 ? a / b : 0) }')
     for target in daemon sink; do
         k="$target:$rate"
-        line=$(printf '  %-8s %-6s %8s %9s %7s%% %8s/s %7s' "$label" "$target" "${L_sent[$k]}" \
-            "${L_proc[$k]}" "${L_loss[$k]}" "${L_prate[$k]}" "${L_ns[$k]}")
-        [[ "$target" == daemon ]] && line+="   daemon/sink=$ratio"
+        line=$(printf '  %-8s %-6s %8s %9s %7s%% %7s%% %8s/s %6s' "$label" "$target" "${L_sent[$k]}" \
+            "${L_proc[$k]}" "${L_loss[$k]}" "${L_other[$k]}" "${L_prate[$k]}" "${L_ns[$k]}")
+        [[ "$target" == daemon ]] && line+="  daemon/sink: rate $ratio, cpu $cpuratio"
         ingest_lines+=("$line")
     done
 done
 
 below_limit() { awk -v l="$1" -v m="$LOSS_LIMIT" 'BEGIN { exit !(l < m) }'; }
 
-# Highest rate with loss under LOSS_LIMIT: bracket from the ladder, then
-# three bisection probes of PROBE_SECONDS.
+# True when TARGET keeps RATE under LOSS_LIMIT in one of two probes: on two
+# shared cores a single scheduling stall of a few milliseconds overflows the
+# receive buffer, and one such stall should not decide the figure.
+sustains() {
+    local target=$1 rate=$2 try
+    for try in 1 2; do
+        log "max-rate search: $target at ${rate}/s (try $try)"
+        load_step "$target" "$rate" "$PROBE_SECONDS"
+        below_limit "$r_loss" && return 0
+    done
+    return 1
+}
+
+# Highest rate with loss under LOSS_LIMIT: the ladder (best of two) brackets
+# it, then three bisection steps, each the best of two probes.
 declare -a maxrate_lines=()
 for target in daemon sink; do
     lo=0 hi=0
     for rate in "${LADDER[@]}"; do
         ((rate == 0)) && continue
         if below_limit "${L_loss[$target:$rate]}"; then
-            ((hi == 0)) && lo=$rate
-        elif ((hi == 0)); then
+            lo=$rate
+        else
             hi=$rate
+            break
         fi
     done
     if ((hi == 0)); then
@@ -300,13 +329,11 @@ for target in daemon sink; do
         fi
         hi=$(awk -v s="${L_sent[$target:0]}" -v t="$STEP_SECONDS" 'BEGIN { printf "%d", s / t }')
     fi
-    for ((probe = 0; probe < 3 && hi - lo > 2000; probe++)); do
-        mid=$(( (lo + hi) / 2000 * 1000 ))
-        log "max-rate search: $target at ${mid}/s"
-        load_step "$target" "$mid" "$PROBE_SECONDS"
-        if below_limit "$r_loss"; then lo=$mid; else hi=$mid; fi
+    for ((probe = 0; probe < 3 && hi - lo > 4000; probe++)); do
+        mid=$(( (lo + hi) / 2000 * 1000 ))  # the midpoint, rounded down to a thousand
+        if sustains "$target" "$mid"; then lo=$mid; else hi=$mid; fi
     done
-    maxrate_lines+=("$(printf '  %-6s ~%s/s (between %s and %s/s)' "$target" "$lo" "$lo" "$hi")")
+    maxrate_lines+=("$(printf '  %-6s ~%s/s (holds %s/s, fails %s/s)' "$target" "$lo" "$lo" "$hi")")
 done
 
 # ---------------------------------------------------------------- 4. memory, idle CPU, start-up
@@ -335,13 +362,15 @@ stop_daemon
     printf '\n[1] status-report ingest, %d gateways, %d-s steps, vtsim --load on one socket\n' "$GW" \
         "$STEP_SECONDS"
     printf '    daemon: processed = sent - kernel drops; sink (bare poll+recvfrom loop): its own count\n'
+    printf '    each step twice per target, the better run shown (loss2: the other run)\n'
     printf '    cpu = CPU ns per datagram of the receiving thread\n'
-    printf '  %-8s %-6s %8s %9s %8s %10s %7s\n' rate target sent processed loss processed cpu
+    printf '  %-8s %-6s %8s %9s %8s %8s %10s %6s\n' rate target sent processed loss loss2 processed cpu
     printf '%s\n' "${ingest_lines[@]}"
     printf '  max rate under %s%% loss (%d-s probes):\n' "$LOSS_LIMIT" "$PROBE_SECONDS"
     printf '%s\n' "${maxrate_lines[@]}"
     printf '\n[2] burst registration of %d new gateways (ms from vtsim start; -1: never)\n' "$GW"
-    printf '  %-30s %5s %8s %9s %13s %6s %6s\n' mode sent pool_all table_all registered "reg/s" drops
+    printf '  %-30s %7s %8s %9s %13s %6s %6s\n' mode sent_ms pool_all table_all registered "reg/s" drops
+    printf '  (reg/s: registered / time the pool took its last count; paced, it is the pace)\n'
     printf '%s\n' "${burst_lines[@]}"
     printf '\n[3] management commands, %d devices (client round trip, us)\n' "$GW"
     sed 's/^/  /' <<<"$mgmt_out"

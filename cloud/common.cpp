@@ -191,12 +191,12 @@ void escape_append(std::string& out, MYSQL* m, const char* s, size_t len)
     escape_manual(out, s, len);
 }
 
-// Appends snprintf(SPEC, v) whatever its length.
+// Appends snprintf(CONV, v) whatever its length.
 template <typename T>
-void append_num(std::string& out, const char* spec, T v)
+void append_num(std::string& out, const char* conv, T v)
 {
     char buf[128];
-    int n = snprintf(buf, sizeof(buf), spec, v);
+    int n = snprintf(buf, sizeof(buf), conv, v);
     if (n < 0)
         return;
     if (size_t(n) < sizeof(buf)) {
@@ -205,7 +205,7 @@ void append_num(std::string& out, const char* spec, T v)
     }
     size_t at = out.size();
     out.resize(at + size_t(n) + 1);
-    n = snprintf(out.data() + at, size_t(n) + 1, spec, v);
+    n = snprintf(out.data() + at, size_t(n) + 1, conv, v);
     out.resize(n < 0 ? at : at + size_t(n));
 }
 
@@ -218,11 +218,11 @@ struct conv_spec {
     char conv = 0;
 };
 
-// Widths and precisions beyond this are treated as a malformed spec.
+// Widths and precisions beyond this are treated as a malformed conv.
 constexpr int kMaxWidth = 65535;
 
 // Parses after the '%'; returns the position after the conversion
-// character, or null when the spec is malformed or unsupported.
+// character, or null when the conv is malformed or unsupported.
 const char* parse_spec(const char* p, conv_spec& cs)
 {
     for (;; p++) {
@@ -260,7 +260,7 @@ const char* parse_spec(const char* p, conv_spec& cs)
     return p;
 }
 
-// Rebuilds the spec for snprintf with LEN ("ll" or "") and CONV.
+// Rebuilds the conv for snprintf with LEN ("ll" or "") and CONV.
 std::string build_spec(const conv_spec& cs, const char* len, char conv, bool allow_hash)
 {
     std::string s = "%";
@@ -297,7 +297,7 @@ unsigned long long as_unsigned(long long v, int bits)
     }
 }
 
-// Pads an escaped text to the spec's width; the width counts the bytes of
+// Pads an escaped text to the conv's width; the width counts the bytes of
 // the value as stored, as printf would.
 void append_text(std::string& out, MYSQL* m, const conv_spec& cs, const char* s, size_t len)
 {
@@ -535,7 +535,7 @@ std::string sql_vformat(MYSQL* m, const char* fmt, std::initializer_list<sql_arg
         }
         p = after;
         if (next == end)
-            continue;  // missing value: the spec prints nothing
+            continue;  // missing value: the conv prints nothing
         format_one(out, m, cs, *next++);
     }
     return out;

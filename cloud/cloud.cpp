@@ -35,11 +35,6 @@ int _http_port;
 static jos_thread_t* _td;
 static int _device_port = CLOUD_DEVICE_PORT;
 
-static uint32_t now32()
-{
-    return static_cast<uint32_t>(_jos_timesec.load());
-}
-
 // Copies a text field of a received datagram into a record field. The
 // receive buffer ends in a NUL, so the source is always terminated; the
 // copy is bounded by the destination.

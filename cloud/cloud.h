@@ -7,6 +7,7 @@
 
 #include "ipe_pool.h"
 #include "jos.h"
+#include "jos_timer.h"
 
 // ---------------------------------------------------------------------------
 // Datagrams. Every datagram starts with a 3-byte family magic and a byte
@@ -152,6 +153,12 @@ enum : uint8_t {
 };
 
 constexpr uint16_t GRP_NONE = 10000;
+
+// The registry's clock: the daemon's time in whole seconds, as records keep it.
+inline uint32_t now32()
+{
+    return static_cast<uint32_t>(_jos_timesec.load());
+}
 
 struct devlist_t {
     char tag[4];

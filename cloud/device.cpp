@@ -58,7 +58,7 @@ devlist_t* device_upiport(const char* license_id12, const char* ip, uint16_t por
         return nullptr;
     dev->outip = ipe_str2ip(ip);
     dev->outport = port;
-    dev->time = static_cast<uint32_t>(_jos_timesec.load());
+    dev->time = now32();
     return dev;
 }
 

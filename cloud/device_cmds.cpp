@@ -96,11 +96,6 @@ struct grp_filter {
     }
 };
 
-uint32_t now32()
-{
-    return static_cast<uint32_t>(_jos_timesec.load());
-}
-
 bool dev_failed(const devlist_t* d, uint32_t now)
 {
     return d->time + 60 < now;

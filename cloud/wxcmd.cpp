@@ -43,7 +43,7 @@ void vantrel_notice(const char* word, const char* license_id12, const char* name
 void getdisconinfo(jos_thread_t* td)
 {
     creatediscontable("device_discon");
-    const uint32_t now = static_cast<uint32_t>(_jos_timesec.load());
+    const uint32_t now = now32();
     for (size_t i = 0; i < DEV_POOL_SIZE && !td->td_notifyexit; i++) {
         devlist_t* d = _devpool.slot(i);
         if (!device_pool_t::inuse(d))

@@ -312,7 +312,13 @@ TEST_F(Commands, RelayCountsOnlyTheLastLine)
     EXPECT_EQ(b.command(), "tag=wxdeny license_id12=WXB000000001 device=WXB000000001 deny other");
     b.send_result("tag=wxdeny license_id12=WXB000000001 return=0");
     a.send_result("tag=wxdeny license_id12=WXA000000001 return=-1");
-    EXPECT_TRUE(wait_until([&] { return run(2053, "wxcmd=1 wxcmdstatus=1") == "send=1\nsucc=1\nfail=1\n"; }, 5s));
+    // The status query clears the counters, so ask once, after the receive
+    // loop has reached a report sent behind the answers.
+    auto marker = test_gateway::status("WXB000000001");
+    std::snprintf(marker.version, sizeof(marker.version), "marker");
+    b.send(marker);
+    ASSERT_TRUE(wait_until([&] { return device_row("WXB000000001", "version") == "marker"; }, 5s));
+    EXPECT_EQ(run(2053, "wxcmd=1 wxcmdstatus=1"), "send=1\nsucc=1\nfail=1\n");
     EXPECT_EQ(run(2053, "wxcmd=1 wxcmdstatus=1"), "send=0\nsucc=0\nfail=0\n");
 
     auto missing = d_->cmd("cloud", 2053, "wxcmd=1 file=/nonexistent/file");

@@ -10,10 +10,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "cloud.h"
 #include "cloudconf.h"
 #include "common.h"
+#include "db_writer.h"
 #include "ipe_string.h"
 #include "jos_cmds.h"
 #include "jos_thread.h"
@@ -34,6 +36,8 @@ int _http_port;
 
 static jos_thread_t* _td;
 static int _device_port = CLOUD_DEVICE_PORT;
+// Receive buffer of the device socket: about 8000 status reports.
+static constexpr int CLOUD_RCVBUF = 8 << 20;
 
 // Copies a text field of a received datagram into a record field. The
 // receive buffer ends in a NUL, so the source is always terminated; the
@@ -82,20 +86,38 @@ void cloud_silence_check()
     _lastobjchk = p == _devpool.last() ? _devpool.first() : p + 1;
 }
 
-// The group of NAME in vtlog.cloud_grp (the last row wins); -1 when none.
-static long cloud_grplookup(const char* name)
+// Resolves a group name on the writer's connection, so the receive loop
+// never waits for the database: the group id lands in the record (if it
+// still carries that name) when the answer comes, and the row follows with
+// an update. The last row of the answer wins. COUNTED: the report already
+// wrote and counted an update of this device.
+static void cloud_grplookup(const char* license_id12, const char* name, bool counted)
 {
-    mysql_conn c;
-    if (!c.ok() || c.query(sqlf(c.get(), "select grpid from vtlog.cloud_grp where grpname='%s'", name)) != 0)
-        return -1;
-    long grp = -1;
-    if (MYSQL_RES* res = mysql_store_result(c.get())) {
-        while (MYSQL_ROW row = mysql_fetch_row(res))
-            if (row[0] != nullptr)
-                grp = std::strtol(row[0], nullptr, 10);
-        mysql_free_result(res);
-    }
-    return grp;
+    std::string id = license_id12;
+    std::string grpname = name;
+    dbw_call(dbw_stream("vtlog.cloud_grp"), [id, grpname, counted](mysql_conn& c) {
+        if (c.query(sqlf(c.get(), "select grpid from vtlog.cloud_grp where grpname='%s'", grpname)) != 0)
+            return;
+        long grp = -1;
+        if (MYSQL_RES* res = mysql_store_result(c.get())) {
+            while (MYSQL_ROW row = mysql_fetch_row(res))
+                if (row[0] != nullptr)
+                    grp = std::strtol(row[0], nullptr, 10);
+            mysql_free_result(res);
+        }
+        if (grp < 0)
+            return;
+        _devpool.mtx.lock();
+        devlist_t* d = device_find(id.c_str());
+        if (d != nullptr && grpname == d->grpname) {
+            d->grpid = static_cast<uint16_t>(grp);
+            _cloud_device_update3++;
+            cloud_devlist_tomysql(d, "update");
+            if (!counted)
+                _cloud_device_update_count++;
+        }
+        _devpool.mtx.unlock();
+    });
 }
 
 // The limit texts start afresh with the user limit; the connection limit is
@@ -194,20 +216,12 @@ static void cloud_status(char* buf, uint32_t ip, uint16_t port)
 
     char grpname[sizeof(d->grpname)];
     dg_copy(grpname, sizeof(grpname), r->grpname);
-    bool grpset = false;
+    bool lookup = false;
     if (grpname[0] != '\0') {
-        bool lookup = d->grpid == GRP_NONE;
+        lookup = d->grpid == GRP_NONE;
         if (std::strcmp(d->grpname, grpname) != 0) {
             std::memcpy(d->grpname, grpname, sizeof(grpname));
             lookup = true;
-        }
-        if (lookup) {
-            long grp = cloud_grplookup(grpname);
-            if (grp >= 0) {
-                d->grpid = static_cast<uint16_t>(grp);
-                _cloud_device_update3++;
-                grpset = true;
-            }
         }
     } else if (d->grpname[0] != '\0') {
         d->grpid = GRP_NONE;
@@ -219,10 +233,12 @@ static void cloud_status(char* buf, uint32_t ip, uint16_t port)
             d->grpid = static_cast<uint16_t>(_defgrp);
         _devpool.link(d);
         cloud_devlist_tomysql(d, "insert");
-    } else if (changed || grpset) {
+    } else if (changed) {
         cloud_devlist_tomysql(d, "update");
         _cloud_device_update_count++;
     }
+    if (lookup)
+        cloud_grplookup(d->license_id12, grpname, isnew || changed);
     _devpool.mtx.unlock();
 
     if (d->passreset == PASSRESET_SENT && now - d->resettime >= 60)
@@ -335,14 +351,7 @@ void cloud_dgram(char* buf, int len, uint32_t ip, uint16_t port)
         char md5[sizeof(k->md5str) + 1];
         dg_copy(id, sizeof(id), k->license_id12);
         dg_copy(md5, sizeof(md5), k->md5str);
-        if (devlist_t* d = device_find(id)) {
-            d->outip = ip;
-            d->outport = port;
-            d->time = now32();
-        }
-        mysql_conn c;
-        if (c.ok())
-            c.query(sqlf(c.get(), "update vtlog.cloud_device set md5str='%s' where license_id12='%s'", md5, id));
+        device_setkey(id, md5, ip, port);
         break;
     }
     case VTR_CMDARG: {
@@ -368,14 +377,22 @@ void cloud_main(jos_thread_t* td)
     int one = 1;
     if (setsockopt(sock, SOL_SOCKET, SO_REUSEPORT, &one, sizeof(one)) != 0)
         std::puts("setsockopt error");
-    // Root may go past the system's cap on receive buffers; others get
-    // what the cap allows.
-    int rcvbuf = 0x80000;
+    // After a power cut or a restart a whole fleet reports within seconds:
+    // room for several thousand reports. Root may go past the system's cap
+    // on receive buffers; others get what the cap allows, and are told.
+    int rcvbuf = CLOUD_RCVBUF;
     if (setsockopt(sock, SOL_SOCKET, SO_RCVBUFFORCE, &rcvbuf, sizeof(rcvbuf)) != 0 &&
         setsockopt(sock, SOL_SOCKET, SO_RCVBUF, &rcvbuf, sizeof(rcvbuf)) != 0) {
         std::puts("set recvbuf error");
         return;
     }
+    int granted = 0;
+    socklen_t glen = sizeof(granted);
+    // Linux reports twice the size it was asked for (half is bookkeeping).
+    if (getsockopt(sock, SOL_SOCKET, SO_RCVBUF, &granted, &glen) == 0 && granted / 2 < rcvbuf)
+        std::printf("cloud_main: receive buffer is %d bytes, %d asked for; raise the cap with "
+                    "\"sysctl -w net.core.rmem_max=%d\" or run as root\n",
+                    granted / 2, rcvbuf, rcvbuf);
     sockaddr_in sa{};
     sa.sin_family = AF_INET;
     sa.sin_addr.s_addr = htonl(INADDR_ANY);
@@ -482,9 +499,17 @@ static int cloud_minit(jos_kernel_t*)
         if (MYSQL_RES* res = mysql_store_result(c.get()))
             mysql_free_result(res);
     }
-    if (cloud_devpool_load() < 0) {
-        std::printf("3:%s error\n", "cloud_init");
-        std::exit(-1);
+    {
+        mysql_conn c;
+        if (!c.ok()) {
+            std::printf("1: %s error\n", "cloud_devpool_load");
+            std::printf("3:%s error\n", "cloud_init");
+            std::exit(-1);
+        }
+        if (cloud_devpool_load(c) < 0) {
+            std::printf("3:%s error\n", "cloud_init");
+            std::exit(-1);
+        }
     }
     cloud_adduser();
 
@@ -520,9 +545,15 @@ static int cloud_minit(jos_kernel_t*)
     }
     lnglat_init();
     _devpool.mtx.word = 0;
+    dbw_start();
     return 0;
 }
 
-static void cloud_mfini(jos_kernel_t*) {}
+// Every thread that hands statements over has stopped by now: let the
+// writer finish the queue, for at most ten seconds.
+static void cloud_mfini(jos_kernel_t*)
+{
+    dbw_stop(10000);
+}
 
 jos_module_t cloud_module = {"cloud", 0x09000000, -1, cloud_minit, cloud_mfini, cloud_ioctl, nullptr};

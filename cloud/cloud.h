@@ -9,6 +9,8 @@
 #include "jos.h"
 #include "jos_timer.h"
 
+class mysql_conn;
+
 // ---------------------------------------------------------------------------
 // Datagrams. Every datagram starts with a 3-byte family magic and a byte
 // that is 0 when the daemon sends and not examined on receipt, a u16 type
@@ -213,6 +215,7 @@ struct devlist_t {
     uint32_t equtime;
     char grpname[24];
     char info[128];
+    char md5str[33];  // last key digest reported, kept for table rebuilds
     devlist_t* next;
 };
 
@@ -232,15 +235,22 @@ void device_remove(const char* license_id12);
 // The name shown for a device: the operator's display name when set.
 const char* device_name(const devlist_t* dev);
 
-// Persistence (device.cpp).
+// Persistence (device.cpp). Writes go through the database writer: the
+// word "insert", "update" or "remove" hands one statement over, anything
+// else (or no record) asks for the whole table to be rewritten.
 int cloud_devlist_tomysql(devlist_t* dev, const char* word);
-int cloud_devpool_load();
+// Fills the pool from the table on C; takes the registry lock itself.
+int cloud_devpool_load(mysql_conn& c);
+// Key report: records the digest and hands its table update over.
+void device_setkey(const char* license_id12, const char* md5, uint32_t ip, uint16_t port);
 
 // Mapping ports (mapping.cpp).
 extern int _mapping_port_min;
 extern int _mapping_port_max;
 extern int _current_port_alloc;
 void cloud_minport_set();
+// The allocation restarts at the largest SSH port of the table on C.
+void cloud_minport_from(mysql_conn& c);
 // Hands out the next pair: web port first, SSH port second.
 void cloud_port_alloc(int* web, int* ssh);
 void cloud_gateway_config();

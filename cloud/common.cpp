@@ -484,15 +484,22 @@ int mysql_conn::query(const std::string& sql)
     return e ? int(e) : -1;
 }
 
-int mysql_conn::query_repair(const std::string& sql, const char* table)
+bool mysql_conn::crashed(int err)
 {
-    int r = query(sql);
     // A crashed MyISAM table found in use is 1194. MariaDB reports the
     // same condition found while opening the table ("marked as crashed
     // and should be repaired") with the storage engine's number 145
     // instead, so both lead to the repair.
-    if ((r != ER_CRASHED_ON_USAGE && r != kCrashedOnOpen) || !table || !*table)
-        return r;
+    return err == ER_CRASHED_ON_USAGE || err == kCrashedOnOpen;
+}
+
+bool mysql_conn::lost(unsigned err)
+{
+    return (err >= CR_MIN_ERROR && err <= CR_MAX_ERROR) || err == ER_SERVER_SHUTDOWN || err == ER_CONNECTION_KILLED;
+}
+
+void mysql_conn::repair(const char* table)
+{
     printf("query_repair: %s crashed, repairing\n", table);
     if (query(std::string("repair table ") + table) == 0) {
         // "repair table" answers with a status table; it must be read
@@ -502,6 +509,14 @@ int mysql_conn::query_repair(const std::string& sql, const char* table)
     } else {
         printf("query_repair: repair table %s: %s\n", table, error());
     }
+}
+
+int mysql_conn::query_repair(const std::string& sql, const char* table)
+{
+    int r = query(sql);
+    if (!crashed(r) || !table || !*table)
+        return r;
+    repair(table);
     return query(sql);
 }
 
@@ -541,24 +556,32 @@ std::string sql_vformat(MYSQL* m, const char* fmt, std::initializer_list<sql_arg
     return out;
 }
 
-void creatediscontable(const char* table)
+std::string discontable_sql(const char* table)
 {
     // TABLE is an identifier, not a value: it cannot be escaped, so callers
     // pass one of the compile-time family names only. Anything else is
     // refused here rather than pasted into a statement.
     size_t n = table ? strlen(table) : 0;
-    if (n == 0 || n > 64 || strspn(table, "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_") != n) {
+    if (n == 0 || n > 64 || strspn(table, "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_") != n)
+        return "";
+    std::string sql = "create table if not exists vtlog.";
+    sql += table;
+    sql += "(license_id12 varchar(16) not null default '', grpid int(2) not null default '0',"
+           "name varchar(128) not null default '', time bigint(4) not null default '0', "
+           "uptime bigint(4) not null default '0')engine=myisam";
+    return sql;
+}
+
+void creatediscontable(const char* table)
+{
+    std::string sql = discontable_sql(table);
+    if (sql.empty()) {
         printf("creatediscontable: invalid table name\n");
         return;
     }
     mysql_conn c;
     if (!c.ok())
         return;
-    std::string sql = "create table if not exists vtlog.";
-    sql += table;
-    sql += "(license_id12 varchar(16) not null default '', grpid int(2) not null default '0',"
-           "name varchar(128) not null default '', time bigint(4) not null default '0', "
-           "uptime bigint(4) not null default '0')engine=myisam";
     if (c.query(sql) != 0)
         printf("%s\n", c.error());
 }

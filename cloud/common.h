@@ -43,6 +43,13 @@ public:
     // The same, and on error 1194 (crashed table) repairs TABLE
     // ("repair table TABLE") and runs the statement once more.
     int query_repair(const std::string& sql, const char* table);
+    // "repair table TABLE", reading its status answer.
+    void repair(const char* table);
+    // The server found the table crashed (in use, or when opening it).
+    static bool crashed(int err);
+    // The connection is gone (or the server going away): the outcome of the
+    // statement that got ERR is unknown.
+    static bool lost(unsigned err);
     unsigned errnum() { return mysql_errno(&m_); }
     const char* error() { return mysql_error(&m_); }
 
@@ -85,6 +92,9 @@ std::string sqlf(MYSQL* m, const char* fmt, const A&... a)
     return sql_vformat(m, fmt, {sql_arg(a)...});
 }
 
+// The statement that creates a disconnect-history table; empty for a name
+// that is not a plain identifier.
+std::string discontable_sql(const char* table);
 void creatediscontable(const char* table);
 
 char* getconfig(const char* key, int keylen, char* value, int size);

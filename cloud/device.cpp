@@ -2,20 +2,28 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "cloud.h"
 #include "common.h"
+#include "db_writer.h"
 #include "ipe_string.h"
 #include "jos_timer.h"
 
 device_pool_t _devpool;
 devlist_t* _lastobjchk;
 
+static int _dev_stream = -1;
+static void cloud_device_rebuild(mysql_conn& c);
+
 int cloud_devpool_init()
 {
     if (_devpool.init() != 0)
         return -1;
     _lastobjchk = _devpool.first();
+    _dev_stream = dbw_stream("vtlog.cloud_device", cloud_device_rebuild);
     return 0;
 }
 
@@ -85,6 +93,8 @@ static const char* const DEV_UPDATE =
     "flowcont=%u, web_port=%d, ssh_port=%d, outip=%u, outport=%d, grpid=%d, sys_name2='%s', longitude=%.12f, "
     "latitude=%.12f, map_address='%s', version='%s' where license_id12='%s'";
 
+static const char* const DEV_SETKEY = "update vtlog.cloud_device set md5str='%s' where license_id12='%s'";
+
 static void dev_nonedefaults(devlist_t* d)
 {
     if (d->map_address[0] == '\0')
@@ -93,56 +103,95 @@ static void dev_nonedefaults(devlist_t* d)
         std::snprintf(d->version, sizeof(d->version), "none");
 }
 
-static std::string dev_insert_sql(MYSQL* m, const devlist_t* d)
+// Statements are formatted without a connection: the formatter escapes for
+// latin1, the character set of every connection of the daemon.
+static std::string dev_insert_sql(const devlist_t* d)
 {
-    return sqlf(m, DEV_INSERT, d->devid, d->time, d->sys_run, d->ipaddr, d->sys_name, d->license_start,
+    return sqlf(nullptr, DEV_INSERT, d->devid, d->time, d->sys_run, d->ipaddr, d->sys_name, d->license_start,
                 d->license_end, d->license_id12, d->license_id83, d->current_users, d->max_flowcont, d->max_ipcnt,
                 d->upbps, d->downbps, d->flowcont, int(d->webport), int(d->sshport), d->outip, int(d->outport),
                 int(d->grpid), d->sys_name2, d->longitude, d->latitude, d->map_address, d->version);
 }
 
+static std::string dev_update_sql(const devlist_t* d)
+{
+    return sqlf(nullptr, DEV_UPDATE, d->devid, d->time, d->sys_run, d->ipaddr, d->sys_name, d->license_start,
+                d->license_end, d->license_id83, d->current_users, d->max_flowcont, d->max_ipcnt, d->upbps,
+                d->downbps, d->flowcont, int(d->webport), int(d->sshport), d->outip, int(d->outport), int(d->grpid),
+                d->sys_name2, d->longitude, d->latitude, d->map_address, d->version, d->license_id12);
+}
+
+// Callers hold the registry lock (or run before the threads start), so the
+// statements of one device reach the writer in the order of its changes.
 int cloud_devlist_tomysql(devlist_t* dev, const char* word)
 {
-    mysql_conn c;
-    if (!c.ok()) {
-        std::puts("mysql connect error");
-        return -1;
-    }
     std::string w = word != nullptr ? word : "";
     if (dev != nullptr && w == "remove")
-        return c.query(sqlf(c.get(), "delete from vtlog.cloud_device where license_id12='%s'", dev->license_id12)) ==
-                       0
-                   ? 0
-                   : -1;
+        return dbw_exec(_dev_stream,
+                        sqlf(nullptr, "delete from vtlog.cloud_device where license_id12='%s'", dev->license_id12));
     if (dev != nullptr && w == "insert") {
         dev_nonedefaults(dev);
-        if (c.query(dev_insert_sql(c.get(), dev)) != 0) {
-            std::printf("%s\n", c.error());
-            return -1;
-        }
-        return 0;
+        return dbw_exec(_dev_stream, dev_insert_sql(dev), true);
     }
     if (dev != nullptr && w == "update") {
         dev_nonedefaults(dev);
-        const devlist_t* d = dev;
-        std::string sql = sqlf(c.get(), DEV_UPDATE, d->devid, d->time, d->sys_run, d->ipaddr, d->sys_name,
-                               d->license_start, d->license_end, d->license_id83, d->current_users, d->max_flowcont,
-                               d->max_ipcnt, d->upbps, d->downbps, d->flowcont, int(d->webport), int(d->sshport),
-                               d->outip, int(d->outport), int(d->grpid), d->sys_name2, d->longitude, d->latitude,
-                               d->map_address, d->version, d->license_id12);
-        return c.query(sql) == 0 ? 0 : -1;
+        return dbw_exec(_dev_stream, dev_update_sql(dev));
     }
-    // Anything else rewrites the whole table from the pool.
-    c.query_repair("delete from vtlog.cloud_device", "vtlog.cloud_device");
-    for (size_t i = 0; i < DEV_POOL_SIZE; i++) {
-        devlist_t* d = _devpool.slot(i);
-        if (!device_pool_t::inuse(d))
-            continue;
-        dev_nonedefaults(d);
-        if (c.query(dev_insert_sql(c.get(), d)) != 0)
-            return -1;
-    }
+    dbw_rebuild(_dev_stream);
     return 0;
+}
+
+void device_setkey(const char* license_id12, const char* md5, uint32_t ip, uint16_t port)
+{
+    _devpool.mtx.lock();
+    if (devlist_t* d = device_find(license_id12)) {
+        d->outip = ip;
+        d->outport = port;
+        d->time = now32();
+        std::snprintf(d->md5str, sizeof(d->md5str), "%s", md5);
+    }
+    // Known or not, the row (if any) takes the digest.
+    dbw_exec(_dev_stream, sqlf(nullptr, DEV_SETKEY, md5, license_id12));
+    _devpool.mtx.unlock();
+}
+
+// The whole table rewritten from the pool: delete, then one insert per
+// device in slot order. Key digests are not in the inserted columns; a
+// device's digest comes back from its last key report, or from the row the
+// table had, so a rebuild loses none.
+static void cloud_device_rebuild(mysql_conn& c)
+{
+    std::vector<std::pair<std::string, std::string>> keys;  // id, digest as the table had them
+    if (c.query("select license_id12, md5str from vtlog.cloud_device where md5str<>'none'") == 0) {
+        if (MYSQL_RES* res = mysql_store_result(c.get())) {
+            while (MYSQL_ROW row = mysql_fetch_row(res))
+                if (row[0] != nullptr && row[1] != nullptr)
+                    keys.emplace_back(row[0], row[1]);
+            mysql_free_result(res);
+        }
+    } else if (mysql_conn::lost(c.errnum())) {
+        return;
+    }
+
+    std::vector<std::string> stmts;
+    _devpool.mtx.lock();
+    dbw_cut(_dev_stream);
+    for (auto& [id, md5] : keys)
+        if (devlist_t* d = device_find(id.c_str()); d != nullptr && d->md5str[0] == '\0')
+            std::snprintf(d->md5str, sizeof(d->md5str), "%s", md5.c_str());
+    _devpool.each([&](devlist_t* d) {
+        dev_nonedefaults(d);
+        stmts.push_back(dev_insert_sql(d));
+    });
+    _devpool.each([&](const devlist_t* d) {
+        if (d->md5str[0] != '\0')
+            stmts.push_back(sqlf(nullptr, DEV_SETKEY, d->md5str, d->license_id12));
+    });
+    _devpool.mtx.unlock();
+
+    if (c.query_repair("delete from vtlog.cloud_device", "vtlog.cloud_device") != 0)
+        return;
+    dbw_run_all(c, stmts, "vtlog.cloud_device");
 }
 
 // Copies a column value cut at its first blank or '|'.
@@ -170,13 +219,8 @@ static double col_dbl(const char* v)
     return v != nullptr ? std::strtod(v, nullptr) : 0.0;
 }
 
-int cloud_devpool_load()
+int cloud_devpool_load(mysql_conn& c)
 {
-    mysql_conn c;
-    if (!c.ok()) {
-        std::printf("1: %s error\n", "cloud_devpool_load");
-        return -1;
-    }
     const char* sel =
         "select license_id12, grpid, web_port, ssh_port, sys_name2, sys_name, ipaddr, sys_run, license_start, "
         "license_end, license_id83, time,longitude, latitude, outip, map_address, version, max_ipcnt, max_flowcont "
@@ -190,6 +234,8 @@ int cloud_devpool_load()
         std::printf("3: %s error\n", "cloud_devpool_load");
         return -1;
     }
+    std::vector<std::string> ports;
+    _devpool.mtx.lock();
     while (MYSQL_ROW row = mysql_fetch_row(res)) {
         if (row[0] == nullptr || row[0][0] == '\0' || std::strlen(row[0]) > 12)
             continue;
@@ -209,8 +255,9 @@ int cloud_devpool_load()
             // each port, until the next update write evens them out.
             int p, q;
             cloud_port_alloc(&p, &q);
-            c.query(sqlf(c.get(), "update vtlog.cloud_device set web_port=%d, ssh_port=%d where license_id12='%s'",
-                         p, q, d->license_id12));
+            ports.push_back(sqlf(nullptr,
+                                 "update vtlog.cloud_device set web_port=%d, ssh_port=%d where license_id12='%s'", p,
+                                 q, d->license_id12));
             d->webport = static_cast<uint16_t>(p + 1);
             d->sshport = static_cast<uint16_t>(q + 1);
         }
@@ -236,6 +283,11 @@ int cloud_devpool_load()
         d->mapping = 0;
         d->loaded = 1;
     }
+    _devpool.mtx.unlock();
     mysql_free_result(res);
+    // Run on the caller's connection: at start-up before anything else
+    // writes, at a range change as part of the writer's job.
+    for (const std::string& sql : ports)
+        c.query(sql);
     return 0;
 }

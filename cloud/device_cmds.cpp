@@ -11,6 +11,7 @@
 
 #include "cloud.h"
 #include "common.h"
+#include "db_writer.h"
 #include "jos_cmds.h"
 #include "jos_timer.h"
 #include "wxcmd.h"
@@ -132,6 +133,14 @@ static void cloud_stat(jos_cmdarg_t* ca, const cmd_args& a)
     jos_cmd_printf(ca, "device_update_cnt=%d,%d/%d/%d/%d[0/1/2/3]\n", static_cast<int>(_cloud_device_update_count),
                    static_cast<int>(_cloud_device_update0), static_cast<int>(_cloud_device_update1),
                    static_cast<int>(_cloud_device_update2), static_cast<int>(_cloud_device_update3));
+    dbw_stats_t db = dbw_stats();
+    jos_cmd_printf(ca,
+                   "db_queued=%llu\ndb_written=%llu\ndb_failed=%llu\ndb_dropped=%llu\ndb_superseded=%llu\n"
+                   "db_rebuilds=%llu\ndb_connected=%d\n",
+                   static_cast<unsigned long long>(db.queued), static_cast<unsigned long long>(db.written),
+                   static_cast<unsigned long long>(db.failed), static_cast<unsigned long long>(db.dropped),
+                   static_cast<unsigned long long>(db.superseded), static_cast<unsigned long long>(db.rebuilds),
+                   db.connected ? 1 : 0);
 }
 
 // Scheme by firmware: newer releases take SHA-512, older ones MD5; others
@@ -190,6 +199,8 @@ static int cloud_set(jos_cmdarg_t* ca, const cmd_args& a)
     } else {
         std::string name = a.str("sysname");
         int grp = static_cast<int>(a.num("grpid"));
+        _devpool.mtx.lock();
+        d = device_find(id.c_str());
         if (d != nullptr) {
             d->grpid = static_cast<uint16_t>(grp);
             d->grpname[0] = '\0';
@@ -199,10 +210,10 @@ static int cloud_set(jos_cmdarg_t* ca, const cmd_args& a)
             d->latitude = std::strtod(a.str("lat").c_str(), nullptr);
             cloud_devlist_tomysql(d, "update");
         }
-        mysql_conn c;
-        if (c.ok())
-            c.query(sqlf(c.get(), "update vtlog.cloud_backup set cname='%s', grpid=%d where license_id12='%s'",
-                         name, grp, id));
+        _devpool.mtx.unlock();
+        dbw_exec(dbw_stream("vtlog.cloud_backup"),
+                 sqlf(nullptr, "update vtlog.cloud_backup set cname='%s', grpid=%d where license_id12='%s'", name,
+                      grp, id));
     }
     jos_cmd_printf(ca, "ok");
     return 0;

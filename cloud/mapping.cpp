@@ -11,6 +11,7 @@
 #include "cloud.h"
 #include "cloudconf.h"
 #include "common.h"
+#include "db_writer.h"
 #include "jos_cmds.h"
 
 int _mapping_port_min = 24569;
@@ -41,6 +42,11 @@ void cloud_minport_set()
         std::puts("mysql init error");
         std::exit(-1);
     }
+    cloud_minport_from(c);
+}
+
+void cloud_minport_from(mysql_conn& c)
+{
     int start = _mapping_port_min;
     if (c.query_repair("select max(ssh_port) from vtlog.cloud_device", "vtlog.cloud_device") == 0) {
         if (MYSQL_RES* res = mysql_store_result(c.get())) {
@@ -51,8 +57,10 @@ void cloud_minport_set()
         }
     }
     std::printf("_minport=%d\n", _mapping_port_min);
+    _devpool.mtx.lock();
     _current_port_alloc = start != 0 ? start : _mapping_port_min;
     std::printf("_current_port_alloc=%d\n", _current_port_alloc);
+    _devpool.mtx.unlock();
 }
 
 // Lets forwarded ports be reached from outside, once.
@@ -101,23 +109,25 @@ void cloud_cmd_ranges(jos_cmdarg_t* ca, long defgrp, long grpreset, long oldgrp,
     _mapping_port_max = static_cast<int>(maxport);
     setconfig("cloud_mapping_min_port", std::to_string(minport).c_str());
     setconfig("cloud_mapping_max_port", std::to_string(maxport).c_str());
-    mysql_conn c;
-    if (c.ok()) {
-        // Every device gets a fresh pair from the new range at the reload.
-        c.query("update vtlog.cloud_device set web_port=0, ssh_port=0");
-        cloud_minport_set();
-        _devpool.mtx.lock();
-        cloud_devpool_load();
-        _devpool.mtx.unlock();
-    }
+    // Every device gets a fresh pair from the new range at the reload. The
+    // writer does it in order after the writes queued before, and again
+    // from the start should the connection drop half-way.
+    dbw_call(dbw_stream("vtlog.cloud_device"), [](mysql_conn& c) {
+        if (c.query("update vtlog.cloud_device set web_port=0, ssh_port=0") != 0)
+            return;
+        cloud_minport_from(c);
+        cloud_devpool_load(c);
+    });
     jos_cmd_printf(ca, "ok");
 }
 
 void cloud_cmd_mapping(jos_cmdarg_t* ca, const char* license_id12, const char* maphost, long hostport, long webport,
                        long sshport, long webenable, long sshenable)
 {
+    _devpool.mtx.lock();
     devlist_t* d = device_find(license_id12);
     if (d == nullptr) {
+        _devpool.mtx.unlock();
         jos_cmd_printf(ca, "ok");
         return;
     }
@@ -146,5 +156,6 @@ void cloud_cmd_mapping(jos_cmdarg_t* ca, const char* license_id12, const char* m
     if (sendto(sock, &m, sizeof(m), 0, reinterpret_cast<sockaddr*>(&to), sizeof(to)) != static_cast<ssize_t>(sizeof(m)))
         std::puts("send error");
     cloud_devlist_tomysql(d, "update");
+    _devpool.mtx.unlock();
     jos_cmd_printf(ca, "ok");
 }

@@ -7,6 +7,7 @@
 
 #include "cloud.h"
 #include "common.h"
+#include "db_writer.h"
 #include "jos_cmds.h"
 #include "jos_thread.h"
 #include "jos_timer.h"
@@ -42,30 +43,32 @@ void vantrel_notice(const char* word, const char* license_id12, const char* name
 // silence; temporary ones are removed after an hour.
 void getdisconinfo(jos_thread_t* td)
 {
-    creatediscontable("device_discon");
+    const int stream = dbw_stream("vtlog.device_discon");
+    dbw_exec(stream, discontable_sql("device_discon"), true);
     const uint32_t now = now32();
     for (size_t i = 0; i < DEV_POOL_SIZE && !td->td_notifyexit; i++) {
+        _devpool.mtx.lock();
         devlist_t* d = _devpool.slot(i);
-        if (!device_pool_t::inuse(d))
+        if (!device_pool_t::inuse(d)) {
+            _devpool.mtx.unlock();
             continue;
+        }
         if (std::strncmp(d->license_id12, "TEMP", 4) == 0) {
-            if (d->time + 3600 < now) {
-                char id[sizeof(d->license_id12)];
-                std::memcpy(id, d->license_id12, sizeof(id));
+            char id[sizeof(d->license_id12)];
+            std::memcpy(id, d->license_id12, sizeof(id));
+            bool expired = d->time + 3600 < now;
+            _devpool.mtx.unlock();
+            if (expired)
                 device_remove(id);
-            }
             continue;
         }
-        if (d->time + 60 < now && d->time + 3600 >= now) {
-            mysql_conn c;
-            if (!c.ok())
-                continue;
-            c.query(sqlf(c.get(),
-                         "insert into vtlog.device_discon(license_id12, grpid, name, time, uptime)values('%s', %d, "
-                         "'%s', %u, %ld)",
-                         d->license_id12, int(d->grpid), device_name(d), d->time,
-                         static_cast<long>(_jos_timesec.load())));
-        }
+        if (d->time + 60 < now && d->time + 3600 >= now)
+            dbw_exec(stream, sqlf(nullptr,
+                                  "insert into vtlog.device_discon(license_id12, grpid, name, time, uptime)values('%s', "
+                                  "%d, '%s', %u, %ld)",
+                                  d->license_id12, int(d->grpid), device_name(d), d->time,
+                                  static_cast<long>(_jos_timesec.load())));
+        _devpool.mtx.unlock();
     }
 }
 

@@ -4,6 +4,7 @@
 #include "jos_mgmt.h"
 
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/shm.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -132,9 +133,20 @@ static void mgmt_request(jos_mgsock_t* slot)
     close(conn);
 }
 
+// Written by the exit signals, whichever thread takes them, so that the
+// main loop's wait ends at once.
+static int _mgmt_wakefd = -1;
+
 static void mgmt_onexit(int)
 {
     _jos_exitflag = 1;
+    if (_mgmt_wakefd >= 0) {
+        int saved = errno;
+        uint64_t one = 1;
+        ssize_t w = write(_mgmt_wakefd, &one, sizeof(one));
+        (void)w;
+        errno = saved;
+    }
 }
 
 static void mgmt_onalarm(int) {}
@@ -144,6 +156,8 @@ static int mgmt_minit(jos_kernel_t*)
     for (jos_mgsock_t& s : _mgsocks)
         s = {-1, nullptr, nullptr};
 
+    if (_mgmt_wakefd < 0)
+        _mgmt_wakefd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     struct sigaction sa{};
     sigemptyset(&sa.sa_mask);
     sa.sa_handler = SIG_IGN;
@@ -178,7 +192,7 @@ void jos_mgmt_run()
     jos_start_threads();
     while (!_jos_exitflag) {
         timer_scan();
-        pollfd fds[JOS_MGSOCK_SLOTS];
+        pollfd fds[JOS_MGSOCK_SLOTS + 1];
         int map[JOS_MGSOCK_SLOTS];
         int n = 0;
         for (int i = 0; i < JOS_MGSOCK_SLOTS; i++) {
@@ -187,7 +201,10 @@ void jos_mgmt_run()
             fds[n] = {_mgsocks[i].sock, POLLIN, 0};
             map[n++] = i;
         }
-        if (poll(fds, static_cast<nfds_t>(n), 1) <= 0)
+        // Sleeps until a command comes, the next timer is due or an exit
+        // signal arrives; the second's cap only bounds a missed wake-up.
+        fds[n] = {_mgmt_wakefd, POLLIN, 0};
+        if (poll(fds, static_cast<nfds_t>(n + (_mgmt_wakefd >= 0 ? 1 : 0)), timer_wait_ms(1000)) <= 0)
             continue;
         for (int i = 0; i < n; i++)
             if ((fds[i].revents & POLLIN) != 0 && _mgsocks[map[i]].sock >= 0)

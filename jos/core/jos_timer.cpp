@@ -52,13 +52,34 @@ void timer_unload(jos_timer_t* t)
     }
 }
 
+static uint64_t timer_period(const jos_timer_t* t)
+{
+    return ((_jos_counterfreq * t->timeout) / 8) / 125;
+}
+
+int timer_wait_ms(int limit_ms)
+{
+    uint64_t now = jos_counter();
+    uint64_t wait = static_cast<uint64_t>(limit_ms) * 1000000ULL;
+    for (const jos_timer_t* t = _timer_head; t != nullptr; t = t->next) {
+        uint64_t due = t->lastick + timer_period(t);
+        if (due <= now)
+            return 0;
+        if (due - now < wait)
+            wait = due - now;
+    }
+    // Rounded up: waking a little late runs the timer, waking early would
+    // only poll again.
+    return static_cast<int>((wait + 999999ULL) / 1000000ULL);
+}
+
 // A late timer is not caught up: its next run is one period after this one.
 void timer_scan_at(uint64_t counter, time_t now)
 {
     _jos_timesec = now;
     for (jos_timer_t* t = _timer_head; t != nullptr;) {
         jos_timer_t* next = t->next;
-        uint64_t period = ((_jos_counterfreq * t->timeout) / 8) / 125;
+        uint64_t period = timer_period(t);
         if (t->lastick + period <= counter) {
             t->lastick = counter;
             t->func(nullptr);

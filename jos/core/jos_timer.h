@@ -15,6 +15,9 @@ void timer_load(jos_timer_t* t);
 void timer_unload(jos_timer_t* t);
 // Refreshes _jos_timesec and runs every timer that is due.
 void timer_scan();
+// Milliseconds until the next timer is due (0: one is due now), at most
+// LIMIT_MS.
+int timer_wait_ms(int limit_ms);
 // The same with an explicit counter value and time, for tests.
 void timer_scan_at(uint64_t counter, time_t now);
 

@@ -175,3 +175,8 @@ bool daemon_proc::wait_log(const std::string& needle, std::chrono::milliseconds 
 {
     return wait_until([&] { return log().find(needle) != std::string::npos; }, limit);
 }
+
+bool daemon_proc::db_settled(std::chrono::milliseconds limit) const
+{
+    return wait_until([&] { return cmd("cloud", 2050).text().find("\ndb_queued=0\n") != std::string::npos; }, limit);
+}

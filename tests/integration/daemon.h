@@ -40,6 +40,10 @@ public:
     int signal_and_wait(int sig, std::chrono::milliseconds limit);
     pid_t pid() const { return pid_; }
 
+    // Waits until the daemon's database writer has nothing queued: every
+    // write handed over before the call has reached the table (or failed).
+    bool db_settled(std::chrono::milliseconds limit = std::chrono::seconds(10)) const;
+
     // Everything the daemon printed so far.
     std::string log() const;
     bool wait_log(const std::string& needle, std::chrono::milliseconds limit = std::chrono::seconds(10)) const;

@@ -236,6 +236,7 @@ TEST_F(Commands, RangeChangeGivesEveryDeviceANewPair)
     report(3);
     EXPECT_EQ(run(2056, "minport=0 maxport=-1"), "Invalid port\n");
     EXPECT_EQ(run(2056, "minport=30000 maxport=31000"), "ok");
+    ASSERT_TRUE(d_->db_settled());
     EXPECT_EQ(db_value("select group_concat(web_port, ':', ssh_port order by license_id12) from vtlog.cloud_device"),
               "30000:30001,30002:30003,30004:30005");
     // The pool holds each pair one up, as a load does.
@@ -273,6 +274,7 @@ TEST_F(Commands, MappingDatagramAndDeviceEdits)
     EXPECT_EQ(mp.hostport, 2222);
     EXPECT_STREQ(mp.licenseid12, "MAP000000001");
     EXPECT_STREQ(mp.maphost, "relay.example");
+    ASSERT_TRUE(d_->db_settled());
     EXPECT_EQ(device_row("MAP000000001", "web_port, ssh_port"), "40001|40002");
     EXPECT_EQ(run(2057, "maphost=x"), "Invalid value\n");
     EXPECT_EQ(run(2057, "license_id12=NOSUCH"), "ok");
@@ -280,6 +282,7 @@ TEST_F(Commands, MappingDatagramAndDeviceEdits)
     db_exec("insert into vtlog.cloud_backup(license_id12, cname, grpid) values('MAP000000001', 'old', 1)");
     EXPECT_EQ(run(2053, "license_id12=MAP000000001 grpid=12 sysname=\"it's\" address=Main_St lng=1.5 lat=2.5"),
               "ok");
+    ASSERT_TRUE(d_->db_settled());
     EXPECT_EQ(device_row("MAP000000001", "sys_name2, grpid, map_address, longitude, latitude"),
               "it's|12|Main_St|1.5|2.5");
     EXPECT_EQ(db_value("select concat(cname, ':', grpid) from vtlog.cloud_backup where license_id12='MAP000000001'"),
@@ -293,6 +296,7 @@ TEST_F(Commands, MappingDatagramAndDeviceEdits)
 
     EXPECT_EQ(run(2052, ""), "Invalid value\n");
     EXPECT_EQ(run(2052, "license_id12=MAP000000001"), "ok");
+    ASSERT_TRUE(d_->db_settled());
     EXPECT_EQ(device_row("MAP000000001", "count(*)"), "0");
     EXPECT_TRUE(list("").rows.empty());
 }

@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -545,7 +546,7 @@ static int cloud_minit(jos_kernel_t*)
     }
     lnglat_init();
     _devpool.mtx.word = 0;
-    dbw_start();
+    dbw_start(static_cast<size_t>(std::max(0, cloudconf_int("db_queue_max", 0))));
     return 0;
 }
 

@@ -18,7 +18,6 @@
 
 namespace {
 
-constexpr size_t kQueueMax = 65536;         // statements and jobs waiting
 constexpr size_t kBatchStmts = 256;         // statements per round trip
 constexpr size_t kBatchBytes = 512 * 1024;  // well below the server's packet limit
 constexpr int kMaxStreams = 32;
@@ -45,6 +44,7 @@ std::mutex _mu;
 std::condition_variable _work;  // something to do, or stop
 std::condition_variable _done;  // the writer has ended
 std::deque<item> _q;
+size_t _qmax = DBW_QUEUE_MAX;
 stream_t _streams[kMaxStreams];
 int _nstreams;
 uint64_t _seq;
@@ -74,7 +74,7 @@ int enqueue(item&& it)
         _st.dropped++;
         return -1;
     }
-    if (_q.size() >= kQueueMax) {
+    if (_q.size() >= _qmax) {
         _st.dropped++;
         stream_t& s = _streams[it.stream];
         if (s.rebuild != nullptr)
@@ -389,11 +389,12 @@ bool dbw_run_all(mysql_conn& c, const std::vector<std::string>& stmts, const cha
     return done == stmts.size();
 }
 
-void dbw_start()
+void dbw_start(size_t queue_max)
 {
     std::lock_guard lk(_mu);
     if (_running)
         return;
+    _qmax = queue_max > 0 ? queue_max : DBW_QUEUE_MAX;
     _running = true;
     _stopping = _abort = _ended = false;
     _thread = std::thread(writer_main);

@@ -43,7 +43,11 @@ void dbw_cut(int stream);
 // False when the connection was lost on the way.
 bool dbw_run_all(mysql_conn& c, const std::vector<std::string>& stmts, const char* table);
 
-void dbw_start();
+// Statements and jobs that may wait for the database.
+constexpr size_t DBW_QUEUE_MAX = 65536;
+
+// Starts the writer thread; QUEUE_MAX bounds the queue (0: the default).
+void dbw_start(size_t queue_max = 0);
 // Lets the writer finish what is queued, waiting at most LIMIT_MS, then
 // stops it. Returns the number of statements left unwritten.
 size_t dbw_stop(int limit_ms);

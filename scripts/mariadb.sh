@@ -260,8 +260,18 @@ do_start() {
     rm -f -- "$PIDFILE" "$SOCK" "$SOCK.lock"
     init_datadir
 
+    # A restart on the same data keeps its port, so that clients holding
+    # the old settings (a running daemon) find the server again.
+    local prev_port=""
+    if [[ -f "$ENVFILE" ]]; then
+        prev_port=$(sed -n 's/^export CLOUD_DB_PORT=\([0-9]*\)$/\1/p' "$ENVFILE")
+    fi
     for ((attempt = 1; attempt <= PORT_ATTEMPTS; attempt++)); do
-        port=$(free_port)
+        if ((attempt == 1)) && [[ -n "$prev_port" ]]; then
+            port=$prev_port
+        else
+            port=$(free_port)
+        fi
         if ! [[ "$port" =~ ^[0-9]+$ ]] || ((port == 0 || port > 65535)); then
             die "could not pick a free port (got '$port')"
         fi

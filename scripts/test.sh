@@ -16,6 +16,8 @@ cleanup() {
 }
 trap cleanup EXIT
 eval "$(scripts/mariadb.sh start "$dbdir")"
+# Outage tests stop, kill and restart this server.
+export CLOUD_TEST_DBDIR=$dbdir
 
 export ASAN_OPTIONS=abort_on_error=0:detect_leaks=1:allow_user_segv_handler=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1

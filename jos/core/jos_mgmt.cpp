@@ -23,6 +23,12 @@
 volatile std::sig_atomic_t _jos_exitflag;
 
 static jos_mgsock_t _mgsocks[JOS_MGSOCK_SLOTS];
+static long _mgmt_peeruid = -1;
+
+long jos_mgmt_peeruid()
+{
+    return _mgmt_peeruid;
+}
 static char _mgmt_argbuf[JOS_ARGBUF_SIZE + 1];
 
 int jos_mgmt_addsock(int sock, jos_sockfn_t fn, void* data)
@@ -117,7 +123,11 @@ static void mgmt_request(jos_mgsock_t* slot)
             _mgmt_argbuf[alen] = '\0';
             ca.ca_pos = 0;
             _jos_curcmd = ca.ca_cmd;
+            ucred cred{};
+            socklen_t clen = sizeof(cred);
+            _mgmt_peeruid = getsockopt(conn, SOL_SOCKET, SO_PEERCRED, &cred, &clen) == 0 ? long(cred.uid) : -1;
             jos_cmd_exec(&ca);
+            _mgmt_peeruid = -1;
         }
     } else {
         mgmt_seterr(&ca, 22, "invalid alen or shmid");

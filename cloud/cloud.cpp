@@ -74,17 +74,47 @@ void device_usragp_fileinfo(devlist_t* dev)
     dev->task_sta.pad8 = 0;
 }
 
+namespace {
+
+// A disconnect notice decided under the registry lock and written after
+// it: the file is not written while the lock is held.
+struct pending_notice {
+    const char* word = nullptr;
+    char id[sizeof(devlist_t::license_id12)];
+    char name[sizeof(devlist_t::sys_name)];
+    uint32_t time;
+
+    void set(const char* w, const devlist_t* d)
+    {
+        word = w;
+        std::memcpy(id, d->license_id12, sizeof(id));
+        std::snprintf(name, sizeof(name), "%s", device_name(d));
+        time = d->time;
+    }
+    void write() const
+    {
+        if (word != nullptr)
+            vantrel_notice(word, id, name, time);
+    }
+};
+
+}  // namespace
+
 void cloud_silence_check()
 {
+    pending_notice n;
+    _devpool.mtx.lock();
     devlist_t* p = _lastobjchk;
     if (p == nullptr || p > _devpool.last())
         p = _devpool.first();
     if (device_pool_t::inuse(p) && p->loaded == 0 && p->time + 60 < now32() && p->stat <= DEV_STAT_UP) {
         p->stat = DEV_STAT_SILENT;
         if (_weixin_notify_discon)
-            vantrel_notice("vantrel_discount", p->license_id12, device_name(p), p->time);
+            n.set("vantrel_discount", p);
     }
     _lastobjchk = p == _devpool.last() ? _devpool.first() : p + 1;
+    _devpool.mtx.unlock();
+    n.write();
 }
 
 // Resolves a group name on the writer's connection, so the receive loop
@@ -211,8 +241,9 @@ static void cloud_status(char* buf, uint32_t ip, uint16_t port)
         changed = true;
     }
     d->temp = static_cast<uint8_t>(r->temp & 0xff);
+    pending_notice n;
     if (d->stat == DEV_STAT_SILENT && _weixin_notify_discon)
-        vantrel_notice("vantrel_up", d->license_id12, device_name(d), d->time);
+        n.set("vantrel_up", d);
     d->stat = DEV_STAT_UP;
 
     char grpname[sizeof(d->grpname)];
@@ -240,7 +271,6 @@ static void cloud_status(char* buf, uint32_t ip, uint16_t port)
     }
     if (lookup)
         cloud_grplookup(d->license_id12, grpname, isnew || changed);
-    _devpool.mtx.unlock();
 
     if (d->passreset == PASSRESET_SENT && now - d->resettime >= 60)
         d->passreset = PASSRESET_FAILED;
@@ -252,6 +282,8 @@ static void cloud_status(char* buf, uint32_t ip, uint16_t port)
     }
     if (d->task_sta.pad8 != 0)
         device_usragp_fileinfo(d);
+    _devpool.mtx.unlock();
+    n.write();
 }
 
 // Reads "key=value" words of a command text; each value bounded by SIZE.
@@ -289,6 +321,7 @@ void cpuinfo_handle(const char* argstr)
         else if (std::strcmp(k, "cronfile") == 0)
             cronfile = std::strtol(v, nullptr, 10);
     });
+    // The caller holds the registry lock.
     devlist_t* d = device_find(id);
     if (d == nullptr)
         return;
@@ -311,15 +344,19 @@ void return_handle(const char* argstr, const char* ip, uint16_t port)
         else if (std::strcmp(k, "license_id12") == 0 || std::strcmp(k, "licid12") == 0)
             std::snprintf(id, sizeof(id), "%s", v);
     });
-    devlist_t* d = id[0] != '\0' ? device_find(id) : nullptr;
-    if (d == nullptr)
+    if (id[0] == '\0')
         return;
-    d->outip = ipe_str2ip(ip);
-    d->outport = port;
-    d->time = now32();
-    if (std::strcmp(tag, "rootpassreset") == 0 || std::strcmp(tag, "cpuinfo") == 0)
-        cpuinfo_handle(argstr);
-    else if (std::strcmp(tag, "wxdeny") == 0)
+    _devpool.mtx.lock();
+    devlist_t* d = device_find(id);
+    if (d != nullptr) {
+        d->outip = ipe_str2ip(ip);
+        d->outport = port;
+        d->time = now32();
+        if (std::strcmp(tag, "rootpassreset") == 0 || std::strcmp(tag, "cpuinfo") == 0)
+            cpuinfo_handle(argstr);
+    }
+    _devpool.mtx.unlock();
+    if (d != nullptr && std::strcmp(tag, "wxdeny") == 0)
         wci_answer(argstr);
 }
 
@@ -334,11 +371,13 @@ void cloud_dgram(char* buf, int len, uint32_t ip, uint16_t port)
         const auto* m = reinterpret_cast<const cloud_bdmapsetlnglat_t*>(buf);
         char id[sizeof(m->licenseid12)];
         dg_copy(id, sizeof(id), m->licenseid12);
+        _devpool.mtx.lock();
         if (devlist_t* d = device_find(id)) {
             d->longitude = m->longitude;
             d->latitude = m->latitude;
             d->time = now32();
         }
+        _devpool.mtx.unlock();
         break;
     }
     case VTR_STATUS:

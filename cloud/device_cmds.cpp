@@ -16,13 +16,36 @@
 #include "jos_timer.h"
 #include "wxcmd.h"
 
-// The list's working order of the slots; reset to slot order by each list.
-static devlist_t* _punit[DEV_POOL_SIZE];
+// A listing works on copies of the records taken under the registry lock,
+// and sorts and prints them without holding it.
+struct dev_copy_t {
+    devlist_t d;
+    size_t slot;
+};
 
-static void punit_reset()
+// Main thread only; kept between listings to spare the allocation.
+static std::vector<dev_copy_t> _snap;
+// The list's working order of the copies.
+static std::vector<dev_copy_t*> _punit;
+
+// Copies every device in slot order; also reads the counters a listing
+// prints while the lock is held.
+static void list_snapshot(uint32_t* equalcount)
 {
-    for (size_t i = 0; i < DEV_POOL_SIZE; i++)
-        _punit[i] = _devpool.slot(i);
+    _snap.clear();
+    _snap.reserve(DEV_POOL_SIZE);
+    _devpool.mtx.lock();
+    for (size_t i = 0; i < DEV_POOL_SIZE; i++) {
+        const devlist_t* d = _devpool.slot(i);
+        if (device_pool_t::inuse(d))
+            _snap.push_back({*d, i});
+    }
+    if (equalcount != nullptr)
+        *equalcount = _equalcount;
+    _devpool.mtx.unlock();
+    _punit.clear();
+    for (dev_copy_t& c : _snap)
+        _punit.push_back(&c);
 }
 
 namespace {
@@ -114,25 +137,30 @@ static void cloud_stat(jos_cmdarg_t* ca, const cmd_args& a)
     grp_filter f(a, ",");
     const uint32_t now = now32();
     int fail = 0, exp = 0;
+    _devpool.mtx.lock();
     _devpool.each([&](const devlist_t* d) {
         if (!f.pass(d))
             return;
         fail += dev_failed(d, now);
         exp += dev_expiring(d, now);
     });
-    int inuse = static_cast<int>(_devpool.count());
+    const int inuse = static_cast<int>(_devpool.count());
+    const uint32_t defgrp = _defgrp, equalcount = _equalcount, upd = _cloud_device_update_count,
+                   upd0 = _cloud_device_update0, upd1 = _cloud_device_update1, upd2 = _cloud_device_update2,
+                   upd3 = _cloud_device_update3;
+    const int notify = _weixin_notify_discon, alloc = _current_port_alloc, pmin = _mapping_port_min,
+              pmax = _mapping_port_max;
+    _devpool.mtx.unlock();
     jos_cmd_printf(ca, "device_pool=%d/%d[total/use]\n", static_cast<int>(DEV_POOL_SIZE), inuse);
     jos_cmd_printf(ca, "device_total=%d\n", inuse);
     jos_cmd_printf(ca, "device_fail=%d\n", fail);
     jos_cmd_printf(ca, "device_exp=%d\n", exp);
-    jos_cmd_printf(ca, "device_defgrp=%d\n", static_cast<int>(_defgrp));
-    jos_cmd_printf(ca, "equalcount=%d\n", static_cast<int>(_equalcount));
-    jos_cmd_printf(ca, "_weixin_notify_discon=%d\n", _weixin_notify_discon);
-    jos_cmd_printf(ca, "_current_port_alloc=%d\nmapping_port_min=%d\nmapping_port_max=%d\n", _current_port_alloc,
-                   _mapping_port_min, _mapping_port_max);
-    jos_cmd_printf(ca, "device_update_cnt=%d,%d/%d/%d/%d[0/1/2/3]\n", static_cast<int>(_cloud_device_update_count),
-                   static_cast<int>(_cloud_device_update0), static_cast<int>(_cloud_device_update1),
-                   static_cast<int>(_cloud_device_update2), static_cast<int>(_cloud_device_update3));
+    jos_cmd_printf(ca, "device_defgrp=%d\n", static_cast<int>(defgrp));
+    jos_cmd_printf(ca, "equalcount=%d\n", static_cast<int>(equalcount));
+    jos_cmd_printf(ca, "_weixin_notify_discon=%d\n", notify);
+    jos_cmd_printf(ca, "_current_port_alloc=%d\nmapping_port_min=%d\nmapping_port_max=%d\n", alloc, pmin, pmax);
+    jos_cmd_printf(ca, "device_update_cnt=%d,%d/%d/%d/%d[0/1/2/3]\n", static_cast<int>(upd), static_cast<int>(upd0),
+                   static_cast<int>(upd1), static_cast<int>(upd2), static_cast<int>(upd3));
     dbw_stats_t db = dbw_stats();
     jos_cmd_printf(ca,
                    "db_queued=%llu\ndb_written=%llu\ndb_failed=%llu\ndb_dropped=%llu\ndb_superseded=%llu\n"
@@ -156,9 +184,17 @@ static const char* passreset_scheme(const char* version)
     return nullptr;
 }
 
-static void cloud_rootpass(devlist_t* d, const cmd_args& a)
+// The hash is made without the lock (it takes milliseconds); the record
+// takes it only if the device is still there.
+static void cloud_rootpass(const std::string& id, const cmd_args& a)
 {
-    const char* scheme = passreset_scheme(d->version);
+    char version[sizeof(devlist_t::version)] = "";
+    _devpool.mtx.lock();
+    const devlist_t* found = device_find(id.c_str());
+    if (found != nullptr)
+        std::memcpy(version, found->version, sizeof(version));
+    _devpool.mtx.unlock();
+    const char* scheme = found != nullptr ? passreset_scheme(version) : nullptr;
     if (scheme == nullptr)
         return;
     static crypt_data cd;
@@ -169,11 +205,15 @@ static void cloud_rootpass(devlist_t* d, const cmd_args& a)
     const char* hash = crypt_r(pass.c_str(), salt, &cd);
     if (hash == nullptr || hash[0] == '*')
         return;
-    std::snprintf(d->password, sizeof(d->password), "%s", hash);
-    std::snprintf(d->oripass, sizeof(d->oripass), "%.30s", pass.c_str());
-    d->mfadminpass = static_cast<uint8_t>(a.num("mfadminpass"));
-    d->passreset = PASSRESET_REQUESTED;
-    d->resettime = now32();
+    _devpool.mtx.lock();
+    if (devlist_t* d = device_find(id.c_str())) {
+        std::snprintf(d->password, sizeof(d->password), "%s", hash);
+        std::snprintf(d->oripass, sizeof(d->oripass), "%.30s", pass.c_str());
+        d->mfadminpass = static_cast<uint8_t>(a.num("mfadminpass"));
+        d->passreset = PASSRESET_REQUESTED;
+        d->resettime = now32();
+    }
+    _devpool.mtx.unlock();
 }
 
 static int cloud_set(jos_cmdarg_t* ca, const cmd_args& a)
@@ -185,23 +225,22 @@ static int cloud_set(jos_cmdarg_t* ca, const cmd_args& a)
         jos_cmd_printf(ca, "Invalid license\n");
         return 0;
     }
-    devlist_t* d = device_find(id.c_str());
     if (a.has("rootpass")) {
-        if (d != nullptr)
-            cloud_rootpass(d, a);
+        cloud_rootpass(id, a);
     } else if (a.has("newcloudip")) {
-        if (d != nullptr) {
+        _devpool.mtx.lock();
+        if (const devlist_t* d = device_find(id.c_str())) {
             char text[512];
             std::snprintf(text, sizeof(text), "tag=%s license_id12=%s newcloudip=%s", "setnewcloud",
                           d->license_id12, a.str("newcloudip").c_str());
             cloud_sendarg(d->outip, d->outport, text);
         }
+        _devpool.mtx.unlock();
     } else {
         std::string name = a.str("sysname");
         int grp = static_cast<int>(a.num("grpid"));
         _devpool.mtx.lock();
-        d = device_find(id.c_str());
-        if (d != nullptr) {
+        if (devlist_t* d = device_find(id.c_str())) {
             d->grpid = static_cast<uint16_t>(grp);
             d->grpname[0] = '\0';
             std::snprintf(d->sys_name2, sizeof(d->sys_name2), "%s", name.c_str());
@@ -224,23 +263,36 @@ static const char* const LIST_HEADER =
     "downbps|time|webport|grpid|license_id83|sys_name2|sys_run|sshport|outip|longitude|latitude|map_address|"
     "version|temp|isequal|info|eqtime|max_users|grpname|stat\n";
 
-// One row: 32 values under a 30-column header. Line ends and '|' end the
-// names in the record itself, so they cannot break the table.
-static void cloud_cmd_printrow(jos_cmdarg_t* ca, devlist_t* d)
+// One row: 32 values under a 30-column header. A name ends at its first
+// line break or '|' (the copy is cut here; the record is cut after the
+// listing, see list_cutnames).
+static void cloud_cmd_printrow(jos_cmdarg_t* ca, dev_copy_t* c)
 {
+    devlist_t* d = &c->d;
     for (char* name : {d->sys_name, d->sys_name2})
-        for (char* p = name; *p != '\0'; p++)
-            if (*p == '\n' || *p == '\r' || *p == '|')
-                *p = '\0';
-    jos_cmd_printf(ca,
-                   "%u|%s|%u|%u|%s|%u|%u|%u|%u|%lu|%lu|%u|%d|%d|%s|%s|%u|%d|%u|%.12f|%.12f|%s|%s|%d|%d|%d|%d|%s|%u|%"
-                   "u|%s|%d\n",
-                   d->ipaddr, d->sys_name, d->license_start, d->license_end, d->license_id12, d->max_flowcont,
-                   d->max_ipcnt, d->current_users, d->flowcont, static_cast<unsigned long>(d->upbps),
-                   static_cast<unsigned long>(d->downbps), d->time, d->webport, d->grpid, d->license_id83,
-                   d->sys_name2, d->sys_run, d->sshport, d->outip, d->longitude, d->latitude, d->map_address,
-                   d->version, d->temp, d->passreset, d->cpu, d->isequal, d->info, d->equtime, d->max_users,
-                   d->grpname, d->stat);
+        name[std::strcspn(name, "\n\r|")] = '\0';
+    jos_cmd_printrow(ca, '|',
+                     "%u|%s|%u|%u|%s|%u|%u|%u|%u|%lu|%lu|%u|%d|%d|%s|%s|%u|%d|%u|%.12f|%.12f|%s|%s|%d|%d|%d|%d|%s|%u|%"
+                     "u|%s|%d\n",
+                     d->ipaddr, d->sys_name, d->license_start, d->license_end, d->license_id12, d->max_flowcont,
+                     d->max_ipcnt, d->current_users, d->flowcont, static_cast<unsigned long>(d->upbps),
+                     static_cast<unsigned long>(d->downbps), d->time, int(d->webport), int(d->grpid), d->license_id83,
+                     d->sys_name2, d->sys_run, int(d->sshport), d->outip, d->longitude, d->latitude, d->map_address,
+                     d->version, int(d->temp), int(d->passreset), int(d->cpu), int(d->isequal), d->info, d->equtime,
+                     d->max_users, d->grpname, int(d->stat));
+}
+
+// The names of the devices a listing printed are cut in their records too,
+// as the registry has always done.
+static void list_cutnames(const std::vector<size_t>& slots)
+{
+    _devpool.mtx.lock();
+    for (size_t i : slots) {
+        devlist_t* d = _devpool.slot(i);
+        for (char* name : {d->sys_name, d->sys_name2})
+            name[std::strcspn(name, "\n\r|")] = '\0';
+    }
+    _devpool.mtx.unlock();
 }
 
 // Sort keys 1..13; strings byte-wise, numbers unsigned.
@@ -269,17 +321,12 @@ static int list_cmp(const devlist_t* x, const devlist_t* y, long key)
     return 0;
 }
 
-// The exchange sort of the list: every position against every later one,
-// free slots skipped on both sides.
+// The exchange sort of the list: every device against every later one.
 static void list_sort(long key, bool desc)
 {
-    for (size_t i = 0; i < DEV_POOL_SIZE; i++) {
-        if (!device_pool_t::inuse(_punit[i]))
-            continue;
-        for (size_t j = i + 1; j < DEV_POOL_SIZE; j++) {
-            if (!device_pool_t::inuse(_punit[j]))
-                continue;
-            int c = list_cmp(_punit[i], _punit[j], key);
+    for (size_t i = 0; i < _punit.size(); i++) {
+        for (size_t j = i + 1; j < _punit.size(); j++) {
+            int c = list_cmp(&_punit[i]->d, &_punit[j]->d, key);
             if (desc ? c < 0 : c > 0)
                 std::swap(_punit[i], _punit[j]);
         }
@@ -311,7 +358,8 @@ static void cloud_list(jos_cmdarg_t* ca, const cmd_args& a)
     std::string sch = a.str("sch");
     grp_filter f(a, "|,");
 
-    punit_reset();
+    uint32_t equalcount = 0;
+    list_snapshot(&equalcount);
     if (sortname >= 1 && sortname <= 13 && (sortdesc == 0 || sortdesc == 1))
         list_sort(sortname, sortdesc == 1);
     jos_cmd_printf(ca, "%s", LIST_HEADER);
@@ -321,8 +369,14 @@ static void cloud_list(jos_cmdarg_t* ca, const cmd_args& a)
     const uint32_t now = now32();
     long long pos = 0;
     int matched = 0, fail = 0, exp = 0;
-    for (devlist_t* d : _punit) {
-        if (!device_pool_t::inuse(d) || (showequal != 0 && d->isequal == 0) || !f.pass(d))
+    std::vector<size_t> printed;
+    auto print = [&](dev_copy_t* c) {
+        cloud_cmd_printrow(ca, c);
+        printed.push_back(c->slot);
+    };
+    for (dev_copy_t* c : _punit) {
+        const devlist_t* d = &c->d;
+        if ((showequal != 0 && d->isequal == 0) || !f.pass(d))
             continue;
         if (!sch.empty() && !list_search(d, sch))
             continue;
@@ -334,7 +388,7 @@ static void cloud_list(jos_cmdarg_t* ca, const cmd_args& a)
         case 0:
             exp += expiring;
             if (pos >= first && pos < end)
-                cloud_cmd_printrow(ca, d);
+                print(c);
             pos++;
             break;
         case 1:
@@ -342,38 +396,46 @@ static void cloud_list(jos_cmdarg_t* ca, const cmd_args& a)
                 break;
             exp++;
             if (pos >= first && pos < end)
-                cloud_cmd_printrow(ca, d);
+                print(c);
             pos++;
             break;
         case 2:
-            cloud_cmd_printrow(ca, d);
+            print(c);
             break;
         case 3:
             if (failed)
-                cloud_cmd_printrow(ca, d);
+                print(c);
             break;
         default:
             break;
         }
     }
+    list_cutnames(printed);
     jos_cmd_printf(ca, "device_total=%d\n", expire == 1 ? exp : matched);
     jos_cmd_printf(ca, "device_fail=%d\n", fail);
     jos_cmd_printf(ca, "device_exp=%d\n", exp);
-    jos_cmd_printf(ca, "equalcount=%d\n", static_cast<int>(_equalcount));
+    jos_cmd_printf(ca, "equalcount=%d\n", static_cast<int>(equalcount));
 }
 
 static void cloud_listwords(jos_cmdarg_t* ca)
 {
     if (std::strstr(ca->ca_arg, "showpassreset") != nullptr) {
         // Devices with a reset requested, sent, failed or confirmed.
-        punit_reset();
+        list_snapshot(nullptr);
         jos_cmd_printf(ca, "%s", LIST_HEADER);
-        for (devlist_t* d : _punit)
-            if (device_pool_t::inuse(d) && d->passreset != PASSRESET_IDLE)
-                cloud_cmd_printrow(ca, d);
+        std::vector<size_t> printed;
+        for (dev_copy_t* c : _punit) {
+            if (c->d.passreset != PASSRESET_IDLE) {
+                cloud_cmd_printrow(ca, c);
+                printed.push_back(c->slot);
+            }
+        }
+        list_cutnames(printed);
     } else if (std::strstr(ca->ca_arg, "clearpassreset") != nullptr) {
+        _devpool.mtx.lock();
         for (size_t i = 0; i < DEV_POOL_SIZE; i++)
             _devpool.slot(i)->passreset = PASSRESET_IDLE;
+        _devpool.mtx.unlock();
     } else {
         _devpool.mtx.lock();
         for (size_t i = 0; i < DEV_POOL_SIZE; i++) {
@@ -417,8 +479,16 @@ int cloud_ioctl(jos_cmdarg_t* ca)
     case 2054:
         if (!a.has("license_id12"))
             jos_cmd_printf(ca, "Invalid value\n");
-        else if (const devlist_t* d = device_find(a.str("license_id12").c_str()))
-            jos_cmd_printf(ca, "name=%s\n", device_name(d));
+        else {
+            std::string name;
+            _devpool.mtx.lock();
+            const devlist_t* d = device_find(a.str("license_id12").c_str());
+            if (d != nullptr)
+                name = device_name(d);
+            _devpool.mtx.unlock();
+            if (d != nullptr)
+                jos_cmd_printrow(ca, ' ', "name=%s\n", name.c_str());
+        }
         break;
     case JOS_CMD_LIST:
         if (std::strstr(ca->ca_arg, "showpassreset") != nullptr ||

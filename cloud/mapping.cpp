@@ -47,20 +47,25 @@ void cloud_minport_set()
 
 void cloud_minport_from(mysql_conn& c)
 {
-    int start = _mapping_port_min;
+    bool have = false;
+    int largest = 0;
     if (c.query_repair("select max(ssh_port) from vtlog.cloud_device", "vtlog.cloud_device") == 0) {
         if (MYSQL_RES* res = mysql_store_result(c.get())) {
             MYSQL_ROW row = mysql_fetch_row(res);
-            if (row != nullptr && row[0] != nullptr && std::atoi(row[0]) < _mapping_port_max)
-                start = std::atoi(row[0]);
+            if (row != nullptr && row[0] != nullptr) {
+                have = true;
+                largest = std::atoi(row[0]);
+            }
             mysql_free_result(res);
         }
     }
-    std::printf("_minport=%d\n", _mapping_port_min);
     _devpool.mtx.lock();
+    int start = have && largest < _mapping_port_max ? largest : _mapping_port_min;
     _current_port_alloc = start != 0 ? start : _mapping_port_min;
-    std::printf("_current_port_alloc=%d\n", _current_port_alloc);
+    const int pmin = _mapping_port_min, alloc = _current_port_alloc;
     _devpool.mtx.unlock();
+    std::printf("_minport=%d\n", pmin);
+    std::printf("_current_port_alloc=%d\n", alloc);
 }
 
 // Lets forwarded ports be reached from outside, once.
@@ -87,6 +92,8 @@ void cloud_gateway_config()
 void cloud_cmd_ranges(jos_cmdarg_t* ca, long defgrp, long grpreset, long oldgrp, bool notify_given, long notify,
                       long minport, long maxport)
 {
+    // The receive loop reads these settings under the registry lock.
+    _devpool.mtx.lock();
     if (notify_given)
         _weixin_notify_discon = static_cast<int>(notify);
     if (minport == 0 && maxport == 0) {
@@ -98,15 +105,18 @@ void cloud_cmd_ranges(jos_cmdarg_t* ca, long defgrp, long grpreset, long oldgrp,
                     d->grpid = 0;
             });
         }
+        _devpool.mtx.unlock();
         jos_cmd_printf(ca, "ok");
         return;
     }
     if (minport < 0 || maxport < 0 || minport > 65535 || maxport > 65535) {
+        _devpool.mtx.unlock();
         jos_cmd_printf(ca, "Invalid port\n");
         return;
     }
     _mapping_port_min = static_cast<int>(minport);
     _mapping_port_max = static_cast<int>(maxport);
+    _devpool.mtx.unlock();
     setconfig("cloud_mapping_min_port", std::to_string(minport).c_str());
     setconfig("cloud_mapping_max_port", std::to_string(maxport).c_str());
     // Every device gets a fresh pair from the new range at the reload. The

@@ -1,5 +1,9 @@
 #include "wxcmd.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -9,6 +13,7 @@
 #include "common.h"
 #include "db_writer.h"
 #include "jos_cmds.h"
+#include "jos_mgmt.h"
 #include "jos_thread.h"
 #include "jos_timer.h"
 
@@ -72,17 +77,25 @@ void getdisconinfo(jos_thread_t* td)
     }
 }
 
+static void wci_reset()
+{
+    _wci.cmd[0] = '\0';
+    _wci.send = 0;
+    _wci.succ = 0;
+    _wci.fail = 0;
+}
+
 void wci_result(jos_cmdarg_t* ca)
 {
-    jos_cmd_printf(ca, "send=%d\nsucc=%d\nfail=%d\n", _wci.send, _wci.succ, _wci.fail);
-    _wci = wxcmdinfo_t{};
+    jos_cmd_printf(ca, "send=%d\nsucc=%d\nfail=%d\n", _wci.send.load(), _wci.succ.load(), _wci.fail.load());
+    wci_reset();
 }
 
 // Each line starts a new count. "device=" names one target by the 12
 // characters after it.
 void wci_update(jos_cmdarg_t* ca, const char* line)
 {
-    _wci = wxcmdinfo_t{};
+    wci_reset();
     std::snprintf(_wci.cmd, sizeof(_wci.cmd), "%.63s", line);
     if (*line == '\0')
         return;
@@ -90,17 +103,19 @@ void wci_update(jos_cmdarg_t* ca, const char* line)
     if (const char* p = std::strstr(line, "device="))
         std::snprintf(target, sizeof(target), "%s", p + 7);
     for (size_t i = 0; i < DEV_POOL_SIZE; i++) {
-        devlist_t* d = _devpool.slot(i);
-        if (!device_pool_t::inuse(d))
-            continue;
-        if (target[0] != '\0' && std::strncmp(d->license_id12, target, 12) != 0)
-            continue;
-        char text[1024];
-        std::snprintf(text, sizeof(text), "tag=%s license_id12=%s %s", "wxdeny", d->license_id12, line);
-        if (cloud_sendarg(d->outip, d->outport, text) != 0)
-            _wci.fail++;
-        _wci.send++;
-        if (target[0] != '\0')
+        _devpool.mtx.lock();
+        const devlist_t* d = _devpool.slot(i);
+        bool hit = device_pool_t::inuse(d) &&
+                   (target[0] == '\0' || std::strncmp(d->license_id12, target, 12) == 0);
+        if (hit) {
+            char text[1024];
+            std::snprintf(text, sizeof(text), "tag=%s license_id12=%s %s", "wxdeny", d->license_id12, line);
+            if (cloud_sendarg(d->outip, d->outport, text) != 0)
+                _wci.fail++;
+            _wci.send++;
+        }
+        _devpool.mtx.unlock();
+        if (hit && target[0] != '\0')
             break;
     }
     jos_cmd_printf(ca, "ok");
@@ -112,6 +127,29 @@ void wci_answer(const char* argstr)
         _wci.succ++;
     else if (std::strstr(argstr, "return=-1") != nullptr)
         _wci.fail++;
+}
+
+// The relay file is read for the client only if it could read it itself:
+// a regular file it owns (any regular file for root), of bounded size. A
+// FIFO or device is refused without being waited on.
+static FILE* wxcmd_open(const std::string& file)
+{
+    long uid = jos_mgmt_peeruid();
+    if (uid < 0)
+        return nullptr;
+    int fd = open(file.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (fd < 0)
+        return nullptr;
+    struct stat st;
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size > WXCMD_FILE_MAX ||
+        (uid != 0 && static_cast<long>(st.st_uid) != uid)) {
+        close(fd);
+        return nullptr;
+    }
+    FILE* f = fdopen(fd, "r");
+    if (f == nullptr)
+        close(fd);
+    return f;
 }
 
 int wxcmd_main(jos_cmdarg_t* ca)
@@ -141,13 +179,19 @@ int wxcmd_main(jos_cmdarg_t* ca)
         jos_cmd_printf(ca, "ERR_NOCMD");
         return -1;
     }
-    FILE* f = std::fopen(file.c_str(), "r");
+    FILE* f = wxcmd_open(file);
     if (f == nullptr) {
         jos_cmd_printf(ca, "ERR_NOCMD");
         return 0;
     }
+    // Bounded by lines and bytes (the file may grow while it is read), and
+    // left at once when the daemon is told to stop.
     char line[1024];
-    while (std::fgets(line, sizeof(line), f) != nullptr) {
+    long bytes = 0;
+    for (int n = 0; n < WXCMD_LINES_MAX && bytes < WXCMD_FILE_MAX && !_jos_exitflag &&
+                    std::fgets(line, sizeof(line), f) != nullptr;
+         n++) {
+        bytes += static_cast<long>(std::strlen(line));
         for (char* p = line; *p != '\0'; p++)
             if (*p == '\n')
                 *p = '\0';

@@ -448,3 +448,12 @@ char* jos_cmd_fmtbps(uint64_t value, char* buf, size_t size)
         std::snprintf(buf, size, "%.2fK ", static_cast<double>(value) / 1000);
     return buf;
 }
+
+std::string jos_cmd_rowtext(const char* text, char sep)
+{
+    std::string out = text != nullptr ? text : "";
+    for (char& c : out)
+        if (c == '\n' || c == '\r' || (sep == '|' && c == '|'))
+            c = ' ';
+    return out;
+}

@@ -2,6 +2,11 @@
 // value helpers every ioctl uses.
 #pragma once
 
+#include <cstddef>
+#include <string>
+#include <type_traits>
+#include <utility>
+
 #include "jos.h"
 
 int jos_cmd_register(int code, jos_cmdfn_t fn);
@@ -25,3 +30,39 @@ char* jos_cmd_fmtbps(uint64_t value, char* buf, size_t size);
 
 // Code of the command being dispatched, 0 between commands.
 extern int _jos_curcmd;
+
+// One row of a listing. Every text value is printed with its line breaks,
+// and SEP when that is '|', replaced by a blank: text that came from an
+// appliance can neither add a row nor shift a column. The stored records
+// are not touched. FMT takes the values as jos_cmd_printf does.
+std::string jos_cmd_rowtext(const char* text, char sep);
+
+namespace jos_row_detail {
+inline const char* value(char sep, std::string& keep, const char* text)
+{
+    keep = jos_cmd_rowtext(text, sep);
+    return keep.c_str();
+}
+template <typename T>
+    requires std::is_arithmetic_v<T>
+T value(char, std::string&, T v)
+{
+    return v;
+}
+template <typename... A, size_t... I>
+int printrow(jos_cmdarg_t* ca, char sep, const char* fmt, std::index_sequence<I...>, const A&... a)
+{
+    std::string keep[sizeof...(A) > 0 ? sizeof...(A) : 1];
+    return jos_cmd_printf(ca, fmt, value(sep, keep[I], a)...);
+}
+}  // namespace jos_row_detail
+
+template <typename... A>
+int jos_cmd_printrow(jos_cmdarg_t* ca, char sep, const char* fmt, const A&... a)
+{
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+#pragma GCC diagnostic ignored "-Wformat-security"
+    return jos_row_detail::printrow(ca, sep, fmt, std::index_sequence_for<A...>{}, a...);
+#pragma GCC diagnostic pop
+}

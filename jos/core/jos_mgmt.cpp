@@ -10,7 +10,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
+#include <ctime>
 #include <cstring>
 #include <string>
 
@@ -30,6 +32,20 @@ long jos_mgmt_peeruid()
     return _mgmt_peeruid;
 }
 static char _mgmt_argbuf[JOS_ARGBUF_SIZE + 1];
+
+// Pending connections. The table bounds descriptors and poll entries held
+// for clients that have not spoken yet: a legitimate client sends its
+// record right after connecting, so only slow or silent ones stay here
+// long. When it is full, a new connection pushes out the oldest one (the
+// nearest deadline): that one has had the longest to speak, and the new one
+// is the likelier to be a live client. Closing newcomers instead would let a
+// table's worth of silent clients, reconnecting as they are dropped, lock
+// every other client out.
+constexpr int MGMT_PENDING_MAX = 128;
+// From accept to a whole record.
+constexpr int MGMT_RECORD_MS = 500;
+// Whole budget for sending the reply back.
+constexpr int MGMT_REPLY_MS = 100;
 
 int jos_mgmt_addsock(int sock, jos_sockfn_t fn, void* data)
 {
@@ -85,27 +101,13 @@ static char* mgmt_attach(int conn, jos_cmdarg_t* ca)
     return static_cast<char*>(seg);
 }
 
-static void mgmt_request(jos_mgsock_t* slot)
+// Runs the command of one whole record (or answers "can't receive request"
+// when the record could not be had) and sends the record back. The caller
+// closes the connection.
+static void mgmt_serve(int conn, jos_cmdarg_t& ca, bool received)
 {
-    int conn = socket_accept(slot->sock, 1);
-    if (conn < 0)
-        return;
-    if (!socket_readable(conn, 500)) {
-        std::puts("socket no data in 500ms, close it!");
-        close(conn);
-        return;
-    }
-    int soerr = 0;
-    socklen_t elen = sizeof(soerr);
-    if (getsockopt(conn, SOL_SOCKET, SO_ERROR, &soerr, &elen) != 0 || soerr != 0) {
-        std::printf("[%s]socket: %s(%d)\n", "mgmt_request", std::strerror(soerr), soerr);
-        close(conn);
-        return;
-    }
-
-    jos_cmdarg_t ca{};
     char* seg = nullptr;
-    if (socket_receive(conn, &ca, sizeof(ca)) != 0) {
+    if (!received) {
         ca = jos_cmdarg_t{};
         mgmt_seterr(&ca, 5, "can't receive request");
     } else if (ca.ca_alen < JOS_ARGBUF_SIZE && ca.ca_shmid > 0) {
@@ -135,12 +137,136 @@ static void mgmt_request(jos_mgsock_t* slot)
 
     ca.ca_arg = nullptr;
     ca.ca_result = nullptr;
-    if (socket_send(conn, &ca, sizeof(ca)) != 0)
+    // The client is waiting for these 208 bytes, and they fit any socket
+    // buffer; the bound only keeps a client that never reads from holding
+    // the loop.
+    if (socket_send_within(conn, &ca, sizeof(ca), MGMT_REPLY_MS) != 0)
         std::puts("socket_send fail");
     if (seg != nullptr)
         shmdt(seg);
     _jos_curcmd = 0;
-    close(conn);
+}
+
+namespace {
+
+// A connection accepted and still sending its record. Bytes are taken as
+// they come, so a record may arrive in any number of pieces; the deadline is
+// fixed at accept, on the real monotonic clock (a test's clock step must not
+// expire anybody).
+struct mgmt_conn {
+    int fd = -1;  // -1: entry free
+    int got = 0;  // bytes of rec received
+    int64_t deadline = 0;
+    jos_cmdarg_t rec{};
+};
+
+std::array<mgmt_conn, MGMT_PENDING_MAX> _mgconns;
+
+int64_t mgmt_now_ms()
+{
+    timespec ts{};
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+void mgmt_conn_close(mgmt_conn& c)
+{
+    close(c.fd);
+    c.fd = -1;
+}
+
+// Takes what the connection has sent so far, without waiting. Once the
+// record is whole its command runs at once and the connection is done with;
+// so it is when the client has gone or failed. Otherwise it stays pending.
+void mgmt_conn_read(mgmt_conn& c)
+{
+    auto* buf = reinterpret_cast<char*>(&c.rec);
+    for (;;) {
+        const ssize_t n = recv(c.fd, buf + c.got, sizeof(c.rec) - static_cast<size_t>(c.got), MSG_DONTWAIT);
+        if (n > 0) {
+            c.got += static_cast<int>(n);
+            if (c.got < static_cast<int>(sizeof(c.rec)))
+                continue;
+            mgmt_serve(c.fd, c.rec, true);
+        } else if (n == 0) {
+            // End of stream before a whole record: answered all the same,
+            // a client that only shut its sending side still reads it.
+            mgmt_serve(c.fd, c.rec, false);
+        } else if (errno == EINTR) {
+            continue;
+        } else if (errno == EAGAIN) {
+            return;
+        } else {
+            const int err = errno;
+            std::printf("[%s]socket: %s(%d)\n", "mgmt_request", std::strerror(err), err);
+        }
+        mgmt_conn_close(c);
+        return;
+    }
+}
+
+// Closes every pending connection whose deadline has passed, after one last
+// read: bytes that came in while a command ran are the daemon's delay, not
+// the client's.
+void mgmt_conn_expire()
+{
+    const int64_t now = mgmt_now_ms();
+    for (mgmt_conn& c : _mgconns) {
+        if (c.fd < 0 || c.deadline > now)
+            continue;
+        mgmt_conn_read(c);
+        if (c.fd >= 0) {
+            std::puts("socket no data in 500ms, close it!");
+            mgmt_conn_close(c);
+        }
+    }
+}
+
+// Milliseconds until the nearest deadline of a pending connection, or limit
+// when that is later.
+int mgmt_conn_wait_ms(int limit)
+{
+    const int64_t now = mgmt_now_ms();
+    int64_t wait = limit;
+    for (const mgmt_conn& c : _mgconns)
+        if (c.fd >= 0 && c.deadline - now < wait)
+            wait = c.deadline > now ? c.deadline - now : 0;
+    return static_cast<int>(wait);
+}
+
+}  // namespace
+
+// Handler of the listening socket: accepts every connection that waits and
+// reads whatever each has already sent. The number taken in one round is
+// bounded by the table so that a flood of connections cannot keep the loop
+// from its timers and from reading the ones it holds.
+static void mgmt_request(jos_mgsock_t* slot)
+{
+    for (int i = 0; i < MGMT_PENDING_MAX; i++) {
+        const int conn = socket_accept(slot->sock, 0);
+        if (conn < 0)
+            return;
+        mgmt_conn* c = nullptr;
+        for (mgmt_conn& e : _mgconns) {
+            if (e.fd < 0) {
+                c = &e;
+                break;
+            }
+            if (c == nullptr || e.deadline < c->deadline)
+                c = &e;
+        }
+        if (c->fd >= 0) {
+            // Pushed out without a word; a record it completed while a
+            // command ran is still served.
+            mgmt_conn_read(*c);
+            if (c->fd >= 0)
+                mgmt_conn_close(*c);
+        }
+        c->fd = conn;
+        c->got = 0;
+        c->deadline = mgmt_now_ms() + MGMT_RECORD_MS;
+        mgmt_conn_read(*c);
+    }
 }
 
 // Written by the exit signals, whichever thread takes them, so that the
@@ -192,6 +318,9 @@ static int mgmt_minit(jos_kernel_t*)
 
 static void mgmt_mfini(jos_kernel_t*)
 {
+    for (mgmt_conn& c : _mgconns)
+        if (c.fd >= 0)
+            mgmt_conn_close(c);
     for (int i = 0; i < JOS_MGSOCK_SLOTS; i++)
         jos_mgmt_rmvsock(i);
 }
@@ -200,10 +329,11 @@ void jos_mgmt_run()
 {
     jos_cpu_bind(0);
     jos_start_threads();
+    // Listening sockets, the wake-up descriptor, pending connections.
+    std::array<pollfd, JOS_MGSOCK_SLOTS + 1 + MGMT_PENDING_MAX> fds;
+    std::array<int, JOS_MGSOCK_SLOTS + 1 + MGMT_PENDING_MAX> map;  // slot or table index of each entry
     while (!_jos_exitflag) {
         timer_scan();
-        pollfd fds[JOS_MGSOCK_SLOTS + 1];
-        int map[JOS_MGSOCK_SLOTS];
         int n = 0;
         for (int i = 0; i < JOS_MGSOCK_SLOTS; i++) {
             if (_mgsocks[i].sock < 0)
@@ -211,14 +341,33 @@ void jos_mgmt_run()
             fds[n] = {_mgsocks[i].sock, POLLIN, 0};
             map[n++] = i;
         }
-        // Sleeps until a command comes, the next timer is due or an exit
-        // signal arrives; the second's cap only bounds a missed wake-up.
-        fds[n] = {_mgmt_wakefd, POLLIN, 0};
-        if (poll(fds, static_cast<nfds_t>(n + (_mgmt_wakefd >= 0 ? 1 : 0)), timer_wait_ms(1000)) <= 0)
-            continue;
-        for (int i = 0; i < n; i++)
-            if ((fds[i].revents & POLLIN) != 0 && _mgsocks[map[i]].sock >= 0)
-                _mgsocks[map[i]].func(&_mgsocks[map[i]]);
+        const int nsock = n;
+        // Sleeps until a command comes, the next timer is due, a pending
+        // connection's time is up or an exit signal arrives; the second's
+        // cap only bounds a missed wake-up.
+        if (_mgmt_wakefd >= 0)
+            fds[n++] = {_mgmt_wakefd, POLLIN, 0};
+        const int first = n;
+        for (int i = 0; i < MGMT_PENDING_MAX; i++) {
+            if (_mgconns[i].fd < 0)
+                continue;
+            fds[n] = {_mgconns[i].fd, POLLIN, 0};
+            map[n++] = i;
+        }
+        const int timeout = mgmt_conn_wait_ms(timer_wait_ms(1000));
+        if (poll(fds.data(), static_cast<nfds_t>(n), timeout) > 0) {
+            // Pending connections first: a listener's handler may reuse
+            // their entries. End of stream and errors are read too.
+            for (int k = first; k < n; k++) {
+                mgmt_conn& c = _mgconns[map[k]];
+                if (fds[k].revents != 0 && c.fd == fds[k].fd)
+                    mgmt_conn_read(c);
+            }
+            for (int k = 0; k < nsock; k++)
+                if ((fds[k].revents & POLLIN) != 0 && _mgsocks[map[k]].sock >= 0)
+                    _mgsocks[map[k]].func(&_mgsocks[map[k]]);
+        }
+        mgmt_conn_expire();
     }
     module_notifyexit();
     jos_stop_threads();

@@ -379,6 +379,11 @@ void dbw_cut(int stream)
 
 bool dbw_run_all(mysql_conn& c, const std::vector<std::string>& stmts, const char* table)
 {
+    if (stmts.empty())
+        return true;
+    // The writer's own connection has it already; a start-up one not yet.
+    if (mysql_set_server_option(c.get(), MYSQL_OPTION_MULTI_STATEMENTS_ON) != 0)
+        return false;
     uint64_t ok = 0, failed = 0;
     size_t done = run_stmts(
         c, stmts.size(), [&](size_t i) -> const std::string& { return stmts[i]; }, [&](size_t) { return table; },

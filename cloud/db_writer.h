@@ -39,8 +39,9 @@ void dbw_rebuild(int stream);
 // superseded by the rebuild and will not run.
 void dbw_cut(int stream);
 
-// Runs STMTS on C in batches, skipping statements the server refuses.
-// False when the connection was lost on the way.
+// Runs STMTS on C in batches (several statements per round trip from
+// then on), skipping statements the server refuses. False when the
+// connection was lost on the way.
 bool dbw_run_all(mysql_conn& c, const std::vector<std::string>& stmts, const char* table);
 
 // Statements and jobs that may wait for the database.

@@ -287,7 +287,6 @@ int cloud_devpool_load(mysql_conn& c)
     mysql_free_result(res);
     // Run on the caller's connection: at start-up before anything else
     // writes, at a range change as part of the writer's job.
-    for (const std::string& sql : ports)
-        c.query(sql);
+    dbw_run_all(c, ports, "vtlog.cloud_device");
     return 0;
 }

@@ -23,6 +23,9 @@ namespace {
 constexpr int IPE_CHUNK = 1400;
 // Each readability wait in socket_receive.
 constexpr int IPE_WAIT_MS = 200;
+// Queue of a stream listener. Local clients come in bursts (a console page
+// may fire dozens of commands at once); the kernel caps it at somaxconn.
+constexpr int IPE_BACKLOG = SOMAXCONN;
 
 struct ipe_sockaddr {
     union {
@@ -172,7 +175,7 @@ int socket_listen(char* addr)
         }
     }
 
-    if (type == SOCK_STREAM && listen(fd, 10) != 0) {
+    if (type == SOCK_STREAM && listen(fd, IPE_BACKLOG) != 0) {
         std::printf("listen fail %s\n", std::strerror(errno));
         close(fd);
         return -1;
@@ -318,6 +321,35 @@ int socket_send(int sock, const void* buf, int len)
             return -1;
         p += n;
         remaining -= static_cast<int>(n);
+    }
+    return 0;
+}
+
+// The same pieces as socket_send, but each one sent without blocking; when
+// the socket has no room, waits for it within what is left of timeout_ms.
+int socket_send_within(int sock, const void* buf, int len, int timeout_ms)
+{
+    const auto* p = static_cast<const char*>(buf);
+    const long long deadline = ipe_now_ms() + timeout_ms;
+    int remaining = len;
+    while (remaining > 0) {
+        const ssize_t n =
+            send(sock, p, static_cast<size_t>(std::min(remaining, IPE_CHUNK)), MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (n > 0) {
+            p += n;
+            remaining -= static_cast<int>(n);
+            continue;
+        }
+        if (n == 0 || (errno != EAGAIN && errno != EINTR))
+            return -1;
+        if (errno == EINTR)
+            continue;
+        const long long rest = deadline - ipe_now_ms();
+        if (rest <= 0)
+            return -1;
+        // A time-out or an interrupted wait is settled by the next send.
+        pollfd pfd{sock, POLLOUT, 0};
+        poll(&pfd, 1, static_cast<int>(rest));
     }
     return 0;
 }

@@ -13,3 +13,6 @@ int socket_accept(int lsock, int timeout_ms);
 int socket_readable(int sock, int timeout_ms);
 int socket_receive(int sock, void* buf, int len);
 int socket_send(int sock, const void* buf, int len);
+// socket_send for a peer that may not read: never blocks, and waits for room
+// at most timeout_ms in all. 0 sent, -1 failed or out of time.
+int socket_send_within(int sock, const void* buf, int len, int timeout_ms);

@@ -1,0 +1,42 @@
+// Gateway datagrams: a run of datagrams separated by "|NEXT|", each from
+// its own address, through the handler the receive loop calls. Two devices
+// are known before the run; the daemon's clock moves 31 s per datagram and
+// the silence scan sweeps the pool after each, so devices fall silent and
+// come back, and the disconnect notices (files named by the appliance's
+// identifier) are written under the private root.
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+#include "cloud.h"
+#include "fuzz_common.h"
+
+extern "C" int LLVMFuzzerInitialize(int*, char***)
+{
+    fuzz::make_root();
+    if (cloud_devpool_init() != 0)
+        __builtin_trap();
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    uint32_t now = 1700000000;
+    fuzz::registry_reset(true);
+    fuzz::set_clock(now);
+    fuzz::feed_dgram(fuzz::status_report(VTR_STATUS, "GW0000000001", "V5.1 [9.2]", "gw one", "", 10, 100), 0x0a000001,
+                     40000);
+    fuzz::feed_dgram(fuzz::status_report(VTR_STATUS3, "TEMP00000001", "V4.0 [8.0]", "temp", "branch", 100, 100),
+                     0x0a000002, 40001);
+
+    uint32_t i = 0;
+    for (std::string_view d : fuzz::split({reinterpret_cast<const char*>(data), size})) {
+        _jos_timesec = now += 31;
+        fuzz::feed_dgram(d, 0xc0a80000u + i, static_cast<uint16_t>(50000 + i));
+        for (size_t k = 0; k <= _devpool.index(_devpool.last()); k++)
+            cloud_silence_check();
+        i++;
+    }
+    fuzz::check_registry();
+    return 0;
+}

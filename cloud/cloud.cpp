@@ -13,6 +13,7 @@
 #include <cstring>
 #include <string>
 
+#include "backup.h"
 #include "cloud.h"
 #include "cloudconf.h"
 #include "common.h"
@@ -242,6 +243,15 @@ static void cloud_status(char* buf, uint32_t ip, uint16_t port)
     }
     d->temp = static_cast<uint8_t>(r->temp & 0xff);
     pending_notice n;
+    struct {
+        char id[sizeof(devlist_t::license_id12)] = "";
+        char name[sizeof(devlist_t::sys_name)] = "";
+        void set(const char* i, const char* nm)
+        {
+            std::snprintf(id, sizeof(id), "%s", i);
+            std::snprintf(name, sizeof(name), "%s", nm);
+        }
+    } newdev;  // the backup schedule of a new gateway is set up after the lock
     if (d->stat == DEV_STAT_SILENT && _weixin_notify_discon)
         n.set("vantrel_up", d);
     d->stat = DEV_STAT_UP;
@@ -265,6 +275,7 @@ static void cloud_status(char* buf, uint32_t ip, uint16_t port)
             d->grpid = static_cast<uint16_t>(_defgrp);
         _devpool.link(d);
         cloud_devlist_tomysql(d, "insert");
+        newdev.set(d->license_id12, d->sys_name);
     } else if (changed) {
         cloud_devlist_tomysql(d, "update");
         _cloud_device_update_count++;
@@ -284,6 +295,8 @@ static void cloud_status(char* buf, uint32_t ip, uint16_t port)
         device_usragp_fileinfo(d);
     _devpool.mtx.unlock();
     n.write();
+    if (newdev.id[0] != '\0')
+        backup_auto(newdev.id, newdev.name);
 }
 
 // Reads "key=value" words of a command text; each value bounded by SIZE.

@@ -159,7 +159,7 @@ constexpr uint16_t GRP_NONE = 10000;
 // The registry's clock: the daemon's time in whole seconds, as records keep it.
 inline uint32_t now32()
 {
-    return static_cast<uint32_t>(_jos_timesec.load());
+    return static_cast<uint32_t>(jos_time());
 }
 
 struct devlist_t {

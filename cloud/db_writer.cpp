@@ -27,7 +27,7 @@ constexpr int kBackoffMaxMs = 2000;
 struct item {
     uint64_t seq = 0;
     int stream = 0;
-    bool report = false;
+    const char* report = nullptr;
     bool repaired = false;  // the table was repaired once for this statement
     std::string sql;
     dbw_job job;
@@ -251,7 +251,9 @@ bool writer_round(mysql_conn& c)
         [&](size_t i) { return _streams[work[i].stream].table.c_str(); },
         [&](size_t i, unsigned) {
             failed++;
-            if (work[i].report)
+            if (const char* who = work[i].report; who != nullptr && *who != '\0')
+                std::printf("%s error: %s\n", who, c.error());
+            else if (who != nullptr)
                 std::printf("%s\n", c.error());
         },
         ok);
@@ -344,7 +346,7 @@ int dbw_stream(const char* table, dbw_rebuild_fn rebuild)
     return _nstreams++;
 }
 
-int dbw_exec(int stream, std::string sql, bool report)
+int dbw_exec(int stream, std::string sql, const char* report)
 {
     item it;
     it.stream = stream;

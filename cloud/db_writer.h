@@ -28,9 +28,10 @@ using dbw_job = std::function<void(mysql_conn& c)>;
 // table always gets the same stream. -1 when all streams are taken.
 int dbw_stream(const char* table, dbw_rebuild_fn rebuild = nullptr);
 
-// Hands a statement over; REPORT prints the server's error text when it
-// fails. 0, or -1 when it was dropped (queue full, or the writer stopped).
-int dbw_exec(int stream, std::string sql, bool report = false);
+// Hands a statement over. When the server refuses it and REPORT is given,
+// the error is printed: "REPORT error: TEXT", or the text alone for "". 0,
+// or -1 when it was dropped (queue full, or the writer stopped).
+int dbw_exec(int stream, std::string sql, const char* report = nullptr);
 // Hands a job over; 0 or -1 as dbw_exec.
 int dbw_call(int stream, dbw_job job);
 // Asks for a rebuild of STREAM (no-op for a stream without one).

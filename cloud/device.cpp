@@ -131,7 +131,7 @@ int cloud_devlist_tomysql(devlist_t* dev, const char* word)
                         sqlf(nullptr, "delete from vtlog.cloud_device where license_id12='%s'", dev->license_id12));
     if (dev != nullptr && w == "insert") {
         dev_nonedefaults(dev);
-        return dbw_exec(_dev_stream, dev_insert_sql(dev), true);
+        return dbw_exec(_dev_stream, dev_insert_sql(dev), "");
     }
     if (dev != nullptr && w == "update") {
         dev_nonedefaults(dev);

@@ -49,7 +49,7 @@ void vantrel_notice(const char* word, const char* license_id12, const char* name
 void getdisconinfo(jos_thread_t* td)
 {
     const int stream = dbw_stream("vtlog.device_discon");
-    dbw_exec(stream, discontable_sql("device_discon"), true);
+    dbw_exec(stream, discontable_sql("device_discon"), "");
     const uint32_t now = now32();
     for (size_t i = 0; i < DEV_POOL_SIZE && !td->td_notifyexit; i++) {
         _devpool.mtx.lock();

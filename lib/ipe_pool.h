@@ -73,6 +73,16 @@ public:
         return nullptr;
     }
 
+    // The first record of key K's chain with key K that PRED accepts.
+    template <typename P>
+    T* find_if(const char* k, P&& pred) const
+    {
+        for (T* r = tbl_[bucket(k)]; r != nullptr; r = r->next)
+            if (std::strcmp(key(r), k) == 0 && pred(r))
+                return r;
+        return nullptr;
+    }
+
     // Takes the record of key K off its chain; null when there is none.
     T* unlink(const char* k)
     {

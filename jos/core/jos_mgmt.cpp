@@ -328,6 +328,8 @@ static void mgmt_mfini(jos_kernel_t*)
 void jos_mgmt_run()
 {
     jos_cpu_bind(0);
+    // The seconds clock is current before any thread reads it.
+    _jos_timesec = jos_time();
     jos_start_threads();
     // Listening sockets, the wake-up descriptor, pending connections.
     std::array<pollfd, JOS_MGSOCK_SLOTS + 1 + MGMT_PENDING_MAX> fds;

@@ -1,7 +1,11 @@
 // Worker thread table and its start/stop protocol.
 #include "jos_thread.h"
 
+#include <poll.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
+
+#include <cerrno>
 
 #include <cstring>
 #include <new>
@@ -29,6 +33,8 @@ jos_thread_t* jos_thread_register(const char* name, int cpu, jos_routine_t routi
     std::snprintf(td->td_name, sizeof(td->td_name), "%s", name);
     td->td_routine = routine;
     td->td_threadid = 0;
+    if (td->td_wakefd <= 0)
+        td->td_wakefd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     _thread_count++;
     return td;
 }
@@ -81,9 +87,30 @@ void jos_stop_threads()
         if ((td->td_signals & JOS_TD_RUNNING) == 0)
             continue;
         td->td_notifyexit = 1;
+        if (td->td_wakefd > 0) {
+            uint64_t one = 1;
+            ssize_t w = write(td->td_wakefd, &one, sizeof(one));
+            (void)w;
+        }
         pthread_join(td->td_threadid, nullptr);
         std::printf("thread %s exited!\n", td->td_name);
     }
+}
+
+int jos_thread_wait(jos_thread_t* td, int fd, int timeout_ms)
+{
+    pollfd fds[2];
+    int n = 0;
+    if (fd >= 0)
+        fds[n++] = {fd, POLLIN, 0};
+    if (td != nullptr && td->td_wakefd > 0)
+        fds[n++] = {td->td_wakefd, POLLIN, 0};
+    if (td != nullptr && td->td_notifyexit)
+        return 0;
+    int rc = poll(fds, static_cast<nfds_t>(n), timeout_ms);
+    if (rc < 0)
+        return errno == EINTR ? 0 : -1;
+    return fd >= 0 && (fds[0].revents & POLLIN) != 0 ? 1 : 0;
 }
 
 static int thread_minit(jos_kernel_t*)
@@ -100,6 +127,9 @@ static int thread_minit(jos_kernel_t*)
 
 static void thread_mfini(jos_kernel_t*)
 {
+    for (int i = 0; i < _thread_count; i++)
+        if (_threads[i].td_wakefd > 0)
+            close(_threads[i].td_wakefd);
     delete[] _threads;
     _threads = nullptr;
     _thread_count = 0;

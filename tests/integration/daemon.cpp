@@ -132,8 +132,9 @@ void daemon_proc::start()
     if (!wait_log("######cloud startup!", std::chrono::seconds(30)))
         throw std::runtime_error("daemon did not start:\n" + log());
     if (log().find("######cloud startup!") != std::string::npos &&
-        !wait_until([&] { return udp_port_taken(device_port_); }, std::chrono::seconds(10)))
-        throw std::runtime_error("device socket not bound:\n" + log());
+        !wait_until([&] { return udp_port_taken(device_port_) && udp_port_taken(backup_port_); },
+                    std::chrono::seconds(10)))
+        throw std::runtime_error("device or backup socket not bound:\n" + log());
 }
 
 int daemon_proc::run_to_exit(std::chrono::milliseconds limit)

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "backup.h"
 #include "cloud.h"
 #include "common.h"
 #include "db_writer.h"
@@ -253,6 +254,8 @@ static int cloud_set(jos_cmdarg_t* ca, const cmd_args& a)
         dbw_exec(dbw_stream("vtlog.cloud_backup"),
                  sqlf(nullptr, "update vtlog.cloud_backup set cname='%s', grpid=%d where license_id12='%s'", name,
                       grp, id));
+        // The inventory shows names and groups as the table has them.
+        dbw_call(dbw_stream("vtlog.cloud_device"), appup_sysname_update);
     }
     jos_cmd_printf(ca, "ok");
     return 0;

@@ -219,6 +219,18 @@ TEST_F(Backup, WatchdogAndTenInFlight)
     EXPECT_EQ(db_value("select count(*) from vtlog.cloud_backup where errors='timeout'"), "10");
     sweep();
     EXPECT_EQ(backup(2050).substr(0, 23), "device_backup_count=2\nd");
+
+    // The list holds 2000 appliances and refuses the next, saying so once.
+    for (int i = 0; i < 2000; i += 200) {
+        for (int k = i; k < i + 200; k++)
+            ping("FILL" + std::to_string(10000000 + k));
+        const int want = std::min(2000, 12 + i + 200);
+        ASSERT_TRUE(wait_until([&] {
+            return backup(2050).find("device_count=" + std::to_string(want) + "\n") != std::string::npos;
+        }, 5s)) << want;
+    }
+    EXPECT_EQ(d_.log().find("backup list full"), d_.log().rfind("backup list full"));
+    EXPECT_NE(d_.log().find("backup list full (2000), FILL"), std::string::npos);
 }
 
 TEST_F(Backup, PackageUpgradeStatesAndFiveInFlight)
@@ -342,6 +354,11 @@ TEST_F(Backup, InventoryListingsAndStartRequests)
     for (const auto& l : lists)
         EXPECT_EQ(ids(l.args), l.want) << l.args;
     EXPECT_EQ(backup(2055, "limit=1").substr(0, 51), "INV000000001 Branch-North vpn VPN Client 1.2 10000 ");
+
+    // A new display name and group reach the inventory.
+    EXPECT_EQ(d_.cmd("cloud", 2053, "license_id12=INV000000001 grpid=7 sysname=Depot").text(), "ok");
+    ASSERT_TRUE(d_.db_settled());
+    EXPECT_EQ(backup(2055, "limit=1 usergrp=7").substr(0, 19), "INV000000001 Depot ");
 
     // A start request goes out once, with the next message naming the app.
     EXPECT_EQ(backup(2053, "license_id12=INV000000003 app_name=dns state=start"), "ok");

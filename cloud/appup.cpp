@@ -9,19 +9,12 @@
 
 #include "backup.h"
 #include "common.h"
+#include "ipe_string.h"
 #include "jos_cmds.h"
 
 static appup_pool_t _apppool;
 // Guards the inventory: the backup thread upserts, commands list and mark.
 static std::mutex _appup_mtx;
-
-template <size_t N>
-static void app_copy(char (&dst)[N], const char* src, size_t max)
-{
-    size_t n = strnlen(src, max < N - 1 ? max : N - 1);
-    std::memcpy(dst, src, n);
-    dst[n] = '\0';
-}
 
 int appup_init()
 {
@@ -49,20 +42,20 @@ static appup_t* appup_find(const char* license_id12, const char* app_name)
 bool appup_update(const cloud_appinfo_t* info, appup_t* out)
 {
     appup_t in{};
-    app_copy(in.license_id12, info->license_id12, sizeof(info->license_id12));
+    ipe_fieldcpy(in.license_id12, info->license_id12, sizeof(info->license_id12));
     if (in.license_id12[0] == '\0' || _apppool.first() == nullptr)
         return false;
-    app_copy(in.app_name, info->app_name, sizeof(info->app_name));
-    app_copy(in.app_cname, info->app_cname, sizeof(info->app_cname));
-    app_copy(in.app_version, info->app_version, sizeof(info->app_version));
-    app_copy(in.app_status, info->app_status, sizeof(info->app_status));
+    ipe_fieldcpy(in.app_name, info->app_name, sizeof(info->app_name));
+    ipe_fieldcpy(in.app_cname, info->app_cname, sizeof(info->app_cname));
+    ipe_fieldcpy(in.app_version, info->app_version, sizeof(info->app_version));
+    ipe_fieldcpy(in.app_status, info->app_status, sizeof(info->app_status));
     // The registry's name and group, taken under its own lock first.
     char name[128];
     uint16_t grp = 0;
     _devpool.mtx.lock();
     device_getsysname(in.license_id12, name, sizeof(name), &grp);
     _devpool.mtx.unlock();
-    app_copy(in.sysname, name, sizeof(name));
+    ipe_fieldcpy(in.sysname, name, sizeof(name));
 
     std::lock_guard lk(_appup_mtx);
     appup_t* r = appup_find(in.license_id12, in.app_name);
@@ -107,15 +100,15 @@ bool appup_splitfill(const char* text, appup_t* out)
     cloud_appinfo_t info{};
     app_eachword(text, [&](const char* k, const char* v) {
         if (std::strcmp(k, "license_id12") == 0)
-            app_copy(info.license_id12, v, 15);
+            ipe_fieldcpy(info.license_id12, v, 15);
         else if (std::strcmp(k, "name") == 0)
-            app_copy(info.app_name, v, 63);
+            ipe_fieldcpy(info.app_name, v, 63);
         else if (std::strcmp(k, "cname") == 0)
-            app_copy(info.app_cname, v, 63);
+            ipe_fieldcpy(info.app_cname, v, 63);
         else if (std::strcmp(k, "version") == 0)
-            app_copy(info.app_version, v, 31);
+            ipe_fieldcpy(info.app_version, v, 31);
         else if (std::strcmp(k, "status") == 0)
-            app_copy(info.app_status, v, 15);
+            ipe_fieldcpy(info.app_status, v, 15);
     });
     return appup_update(&info, out);
 }
@@ -150,9 +143,9 @@ void appup_startlog(const char* text)
     char id[16] = "", app[64] = "";
     app_eachword(text, [&](const char* k, const char* v) {
         if (std::strcmp(k, "license_id12") == 0)
-            app_copy(id, v, 15);
+            ipe_fieldcpy(id, v, 15);
         else if (std::strcmp(k, "app_name") == 0)
-            app_copy(app, v, 63);
+            ipe_fieldcpy(app, v, 63);
     });
     std::lock_guard lk(_appup_mtx);
     if (_apppool.first() != nullptr)
@@ -179,7 +172,7 @@ void appup_sysname_update(mysql_conn& c)
         for (appup_t* r = _apppool.chain(appup_pool_t::bucket(row[0])); r != nullptr; r = r->next) {
             if (std::strcmp(r->license_id12, row[0]) != 0)
                 continue;
-            app_copy(r->sysname, name, sizeof(r->sysname));
+            ipe_fieldcpy(r->sysname, name, sizeof(r->sysname));
             r->grpid = static_cast<uint16_t>(grp != 0 ? grp : GRP_NONE);
         }
     }

@@ -25,6 +25,7 @@
 
 #include "cloudconf.h"
 #include "common.h"
+#include "ipe_string.h"
 #include "db_writer.h"
 #include "jos_cmds.h"
 #include "jos_thread.h"
@@ -64,14 +65,6 @@ std::string vtconf_dir()
 std::string keyfile()
 {
     return jos_path("/root/.ssh/authorized_keys");
-}
-
-template <size_t N>
-void id_copy(char (&dst)[N], const char* src)
-{
-    size_t n = strnlen(src, N - 1);
-    std::memcpy(dst, src, n);
-    dst[n] = '\0';
 }
 
 // First record of ID, or null. Callers hold _backup_mtx.
@@ -156,7 +149,7 @@ void cloud_appuping(const char* id, const sockaddr_in& from)
 void backup_ping(const cloud_ping_t* p, const sockaddr_in& from)
 {
     char id[16];
-    id_copy(id, p->license_id12);
+    ipe_fieldcpy(id, p->license_id12);
     if (id[0] == '\0' || std::strlen(id) > 12)
         return;
     std::vector<cloud_backupinfo_t> orders;
@@ -201,9 +194,9 @@ void backup_ping(const cloud_ping_t* p, const sockaddr_in& from)
 void backup_logupdate(const cloud_backup_log_t* log)
 {
     char id[16], errors[129], filename[33];
-    id_copy(id, log->license_id12);
-    id_copy(errors, log->errors);
-    id_copy(filename, log->filename);
+    ipe_fieldcpy(id, log->license_id12);
+    ipe_fieldcpy(errors, log->errors);
+    ipe_fieldcpy(filename, log->filename);
     {
         // Before the database: the watchdog must not time it out now.
         std::lock_guard lk(_backup_mtx);
@@ -276,7 +269,7 @@ void backup_logupdate(const cloud_backup_log_t* log)
 void cloud_appup_ackhttpinfo(const cloud_appupgradeinfo_t* a)
 {
     char id[16];
-    id_copy(id, a->license_id12);
+    ipe_fieldcpy(id, a->license_id12);
     dbw_exec(_appup_stream,
              sqlf(nullptr, "update vtlog.cloud_appup set complete=1, errors='%s' where license_id12='%s'", kOrderTaken,
                   id));
@@ -302,8 +295,8 @@ void appup_end(const char* id)
 void cloud_appup_log(const cloud_appup_log_t* l)
 {
     char id[16], text[129];
-    id_copy(id, l->license_id12);
-    id_copy(text, l->errors);
+    ipe_fieldcpy(id, l->license_id12);
+    ipe_fieldcpy(text, l->errors);
     char* result = std::strchr(text, ' ');
     if (result == nullptr)
         return;
@@ -572,7 +565,7 @@ void backup_sweeps(mysql_conn& c)
             b->appup_times++;
             b->appupcheck_time = now;
             b->nginx_port = static_cast<uint16_t>(port);
-            id_copy(b->packet_name, row[2] != nullptr ? row[2] : "");
+            ipe_fieldcpy(b->packet_name, row[2] != nullptr ? row[2] : "");
             _device_upgrading_count++;
             stmts.push_back(sqlf(c.get(),
                                  "update vtlog.cloud_appup set complete=1, errors='wait' where license_id12='%s'",
@@ -647,24 +640,6 @@ jos_timer_t _chkmapping_timer = {0, 30000, mappingexists, "chkmapping", nullptr}
 // Commands
 // ---------------------------------------------------------------------------
 
-std::string arg(jos_cmdarg_t* ca, const char* name, size_t max)
-{
-    std::string text = ca->ca_arg != nullptr ? ca->ca_arg : "";
-    char* value = nullptr;
-    char* cursor = nullptr;
-    for (char* tag = jos_cmd_nextarg(text.data(), &value, &cursor); tag != nullptr;
-         tag = jos_cmd_nextarg(cursor, &value, &cursor))
-        if (std::strcmp(tag, name) == 0)
-            return std::string(value != nullptr ? value : "").substr(0, max);
-    return "";
-}
-
-long numarg(jos_cmdarg_t* ca, const char* name, long def)
-{
-    std::string v = arg(ca, name, 64);
-    return v.empty() ? def : std::strtol(v.c_str(), nullptr, 10);
-}
-
 void backup_cmd_stat(jos_cmdarg_t* ca)
 {
     std::vector<std::string> waiting;
@@ -685,25 +660,26 @@ void backup_cmd_stat(jos_cmdarg_t* ca)
 
 int backup_ioctl(jos_cmdarg_t* ca)
 {
-    switch (ca->ca_cmd) {
-    case JOS_CMD_EXIT:
+    if (ca->ca_cmd == JOS_CMD_EXIT)
         return 0;
+    const jos_cmd_args a(ca);
+    switch (ca->ca_cmd) {
     case JOS_CMD_STAT:
         backup_cmd_stat(ca);
         break;
     case JOS_CMD_SET: {
-        std::string id = arg(ca, "license_id12", 15);
+        std::string id = a.str("license_id12", 15);
         if (id.empty()) {
             jos_cmd_printf(ca, "Invalid license\n");
             break;
         }
-        appup_setstartmask(id.c_str(), arg(ca, "app_name", 127).c_str(), arg(ca, "state", 127).c_str());
+        appup_setstartmask(id.c_str(), a.str("app_name", 127).c_str(), a.str("state", 127).c_str());
         jos_cmd_printf(ca, "ok");
         break;
     }
     case JOS_CMD_LIST:
-        appup_list(ca, numarg(ca, "page", 1), numarg(ca, "limit", 20), arg(ca, "sch", 1023).c_str(),
-                   arg(ca, "usergrp", 1023).c_str(), numarg(ca, "reverse", 0));
+        appup_list(ca, a.num("page", 1), a.num("limit", 20), a.str("sch", 1023).c_str(),
+                   a.str("usergrp", 1023).c_str(), a.num("reverse", 0));
         break;
     default:
         ca->ca_errno = 22;

@@ -51,40 +51,7 @@ static void list_snapshot(uint32_t* equalcount)
 
 namespace {
 
-// The name=value arguments of one command.
-struct cmd_args {
-    std::vector<std::pair<std::string, std::string>> kv;
-
-    explicit cmd_args(jos_cmdarg_t* ca)
-    {
-        // nextarg cuts the text in place: work on a copy.
-        std::string text = ca->ca_arg != nullptr ? ca->ca_arg : "";
-        char* value = nullptr;
-        char* cursor = nullptr;
-        for (char* tag = jos_cmd_nextarg(text.data(), &value, &cursor); tag != nullptr;
-             tag = jos_cmd_nextarg(cursor, &value, &cursor))
-            kv.emplace_back(tag, value != nullptr ? value : "");
-    }
-    const std::string* get(const char* name) const
-    {
-        for (const auto& [k, v] : kv)
-            if (k == name)
-                return &v;
-        return nullptr;
-    }
-    bool has(const char* name) const { return get(name) != nullptr; }
-    std::string str(const char* name) const
-    {
-        const std::string* v = get(name);
-        return v != nullptr ? *v : "";
-    }
-    // Decimal value, DEF when absent; garbage reads as 0, as atoi would.
-    long num(const char* name, long def = 0) const
-    {
-        const std::string* v = get(name);
-        return v != nullptr ? std::strtol(v->c_str(), nullptr, 10) : def;
-    }
-};
+using cmd_args = jos_cmd_args;
 
 // Group filters: grpid (10000 also takes group 0) and a list of up to 50
 // group ids; a list that is empty or starts with "0" is no filter.

@@ -3,9 +3,11 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdlib>
 #include <string>
 #include <type_traits>
 #include <utility>
+#include <vector>
 
 #include "jos.h"
 
@@ -27,6 +29,42 @@ int jos_cmd_macparse(const char* text, uint8_t mac[6]);
 char* jos_cmd_trimline(char* text);
 char* jos_cmd_fmtbytes(uint64_t value, char* buf, size_t size);
 char* jos_cmd_fmtbps(uint64_t value, char* buf, size_t size);
+
+// The name=value words of a command's argument text, read once.
+struct jos_cmd_args {
+    std::vector<std::pair<std::string, std::string>> kv;
+
+    explicit jos_cmd_args(const jos_cmdarg_t* ca)
+    {
+        // nextarg cuts the text in place: work on a copy.
+        std::string text = ca->ca_arg != nullptr ? ca->ca_arg : "";
+        char* value = nullptr;
+        char* cursor = nullptr;
+        for (char* tag = jos_cmd_nextarg(text.data(), &value, &cursor); tag != nullptr;
+             tag = jos_cmd_nextarg(cursor, &value, &cursor))
+            kv.emplace_back(tag, value != nullptr ? value : "");
+    }
+    const std::string* get(const char* name) const
+    {
+        for (const auto& [k, v] : kv)
+            if (k == name)
+                return &v;
+        return nullptr;
+    }
+    bool has(const char* name) const { return get(name) != nullptr; }
+    // The value cut to MAX characters; "" when absent.
+    std::string str(const char* name, size_t max = std::string::npos) const
+    {
+        const std::string* v = get(name);
+        return v != nullptr ? v->substr(0, max) : "";
+    }
+    // Decimal value, DEF when absent; garbage reads as 0, as atoi would.
+    long num(const char* name, long def = 0) const
+    {
+        const std::string* v = get(name);
+        return v != nullptr ? std::strtol(v->c_str(), nullptr, 10) : def;
+    }
+};
 
 // Code of the command being dispatched, 0 between commands.
 extern int _jos_curcmd;

@@ -59,8 +59,10 @@ daemon_proc::daemon_proc()
     fs::create_directories(root_ + "/tmp");
     device_port_ = free_udp_port();
     backup_port_ = free_udp_port();
+    upgrade_port_ = free_udp_port();
     write_file(root_ + "/etc/cloud.conf", "device_port=" + std::to_string(device_port_) +
-                                              "\nbackup_port=" + std::to_string(backup_port_) + "\n");
+                                              "\nbackup_port=" + std::to_string(backup_port_) +
+                                              "\nupgrade_port=" + std::to_string(upgrade_port_) + "\n");
 }
 
 int free_udp_port()
@@ -132,9 +134,10 @@ void daemon_proc::start()
     if (!wait_log("######cloud startup!", std::chrono::seconds(30)))
         throw std::runtime_error("daemon did not start:\n" + log());
     if (log().find("######cloud startup!") != std::string::npos &&
-        !wait_until([&] { return udp_port_taken(device_port_) && udp_port_taken(backup_port_); },
+        !wait_until([&] { return udp_port_taken(device_port_) && udp_port_taken(backup_port_) &&
+                                     udp_port_taken(upgrade_port_); },
                     std::chrono::seconds(10)))
-        throw std::runtime_error("device or backup socket not bound:\n" + log());
+        throw std::runtime_error("a UDP socket is not bound:\n" + log());
 }
 
 int daemon_proc::run_to_exit(std::chrono::milliseconds limit)

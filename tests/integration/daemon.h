@@ -24,6 +24,7 @@ public:
     int device_port() const { return device_port_; }
     // UDP port of the backup socket.
     int backup_port() const { return backup_port_; }
+    int upgrade_port() const { return upgrade_port_; }
     std::string path(const std::string& abs) const { return root_ + abs; }
     std::string sock() const { return cloudctl_sockpath(root_); }
 
@@ -60,6 +61,7 @@ private:
     pid_t pid_ = -1;
     int device_port_ = 0;
     int backup_port_ = 0;
+    int upgrade_port_ = 0;
     std::vector<std::string> env_;
     void spawn();
 };

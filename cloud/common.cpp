@@ -653,8 +653,9 @@ int setconfig(const char* key, const char* value)
             fputs(line, out.get());
         }
     }
+    // A last line without its newline must not take the new one in.
     if (!matched)
-        fprintf(out.get(), "%s=%s\n", key, value);
+        fprintf(out.get(), "%s%s=%s\n", at_start ? "" : "\n", key, value);
     in.reset();
     // A short write (full disk) must not replace the settings with half of
     // them.

@@ -72,11 +72,14 @@ void cloud_minport_from(mysql_conn& c)
 void cloud_gateway_config()
 {
     std::string path = jos_path("/etc/ssh/sshd_config");
+    bool ended = true;  // the file ends in a newline (or is empty or missing)
     if (FILE* f = std::fopen(path.c_str(), "r")) {
         char line[1024];
         bool done = false;
-        while (!done && std::fgets(line, sizeof(line), f) != nullptr)
+        while (!done && std::fgets(line, sizeof(line), f) != nullptr) {
             done = std::strstr(line, "GatewayPorts yes") != nullptr;
+            ended = std::strchr(line, '\n') != nullptr;
+        }
         std::fclose(f);
         if (done)
             return;
@@ -84,7 +87,8 @@ void cloud_gateway_config()
     FILE* f = std::fopen(path.c_str(), "a");
     if (f == nullptr)
         return;
-    std::fputs("GatewayPorts yes\n", f);
+    // Its own line, also after a last line without a newline.
+    std::fputs(ended ? "GatewayPorts yes\n" : "\nGatewayPorts yes\n", f);
     std::fclose(f);
     cloudconf_run("cloud_gateway_config", cloudconf_get("sshd_restart", "systemctl restart ssh"));
 }

@@ -2,7 +2,8 @@
 # Builds everything with AddressSanitizer and UndefinedBehaviorSanitizer and
 # runs every test, against a private MariaDB that this script starts and
 # stops itself. The integration tests run a second time against a
-# ThreadSanitizer build of the daemon; any race report fails the run.
+# ThreadSanitizer build of the daemon; any race report fails the run. The
+# fuzz targets run a few seconds each on their seed corpus.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -33,6 +34,10 @@ if compgen -G "$tsandir/race*" >/dev/null; then
     exit 1
 fi
 echo "ThreadSanitizer: no reports"
+
+# A crash on a known input of any parser fails the run.
+echo "== fuzz targets, smoke run"
+scripts/fuzz.sh --smoke
 
 export ASAN_OPTIONS=abort_on_error=0:detect_leaks=1:allow_user_segv_handler=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1

@@ -6,13 +6,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <new>
 #include <sstream>
 
 #include "cloud.h"
+#include "db_writer.h"
 #include "jos.h"
 #include "jos_timer.h"
 #include "wxcmd.h"
@@ -108,20 +108,18 @@ std::vector<std::string> lines(std::string_view text)
     return out;
 }
 
+void fill_writer_queue()
+{
+    const int stream = dbw_stream("vtlog.fuzz");
+    while (dbw_exec(stream, "") == 0) {
+    }
+}
+
 void set_clock(uint32_t t)
 {
-    // The step a command made is the difference between the daemon's time
-    // and the system's; read it inside one second of the system clock.
-    for (;;) {
-        time_t a = time(nullptr);
-        time_t j = jos_time();
-        if (time(nullptr) == a) {
-            if (j != a)
-                jos_clock_step(a - j);
-            break;
-        }
-    }
-    _jos_timesec = t;
+    // The daemon's time is the system's plus a step: the step is set so
+    // that the time reads T now (it keeps running from there).
+    jos_clock_step(int64_t{t} - jos_time());
 }
 
 void registry_reset(bool notify)
@@ -141,7 +139,10 @@ void registry_reset(bool notify)
     _mapping_port_min = 24569;
     _mapping_port_max = 34567;
     _current_port_alloc = _mapping_port_min;
-    _wci = wxcmdinfo_t{};
+    _wci.cmd[0] = '\0';
+    _wci.send = 0;
+    _wci.succ = 0;
+    _wci.fail = 0;
     if (++_notices >= 512) {
         _notices = 0;
         std::error_code ec;

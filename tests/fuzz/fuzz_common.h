@@ -26,7 +26,14 @@ constexpr std::string_view SEP = "|NEXT|";
 std::vector<std::string_view> split(std::string_view data, std::string_view sep = SEP);
 std::vector<std::string> lines(std::string_view text);
 
-// Sets the daemon's clock to T, undoing any step a command made.
+// Fills the database writer's queue (the writer never runs here), so that
+// every statement handed over afterwards is formatted and then dropped, as
+// during a long database outage. Otherwise each input would leave its
+// statements queued, and libFuzzer would take every input for a leak and
+// scan the heap after it.
+void fill_writer_queue();
+
+// Sets the daemon's clock to T (whatever steps commands made before).
 void set_clock(uint32_t t);
 
 // Empties the device pool and resets the registry's globals; NOTIFY turns

@@ -6,12 +6,14 @@
 //   c  /etc/cloud.conf               w  webport.conf
 //   v  verify.conf                   h  /etc/ssh/sshd_config
 // Any other first byte picks a reader by its value.
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <set>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "cloud.h"
 #include "cloudconf.h"

@@ -1,19 +1,25 @@
 // Gateway datagrams: a run of datagrams separated by "|NEXT|", each from
-// its own address, through the handler the receive loop calls. Two devices
-// are known before the run; the daemon's clock moves 31 s per datagram and
-// the silence scan sweeps the pool after each, so devices fall silent and
-// come back, and the disconnect notices (files named by the appliance's
-// identifier) are written under the private root.
+// its own address, through the handler the receive loop calls; a piece
+// "@N" moves the clock N seconds instead. Two devices are known before the
+// run. The clock moves 31 s per datagram and the silence scan sweeps the
+// pool after each, so devices fall silent and come back and the disconnect
+// notices (files named by the appliance's identifier) are written under
+// the private root. The run ends with one disconnect sweep, which records
+// silent devices and removes stale temporary ones.
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
+#include <string>
 #include <string_view>
 
 #include "cloud.h"
 #include "fuzz_common.h"
+#include "jos_thread.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
     fuzz::make_root();
+    fuzz::fill_writer_queue();
     if (cloud_devpool_init() != 0)
         __builtin_trap();
     return 0;
@@ -31,12 +37,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 
     uint32_t i = 0;
     for (std::string_view d : fuzz::split({reinterpret_cast<const char*>(data), size})) {
-        _jos_timesec = now += 31;
+        // "@N": no datagram, the clock moves N seconds instead.
+        if (d.size() > 1 && d[0] == '@') {
+            now += static_cast<uint32_t>(std::strtoul(std::string(d.substr(1, 9)).c_str(), nullptr, 10));
+            fuzz::set_clock(now);
+            continue;
+        }
+        fuzz::set_clock(now += 31);
         fuzz::feed_dgram(d, 0xc0a80000u + i, static_cast<uint16_t>(50000 + i));
         for (size_t k = 0; k <= _devpool.index(_devpool.last()); k++)
             cloud_silence_check();
         i++;
     }
+    static jos_thread_t sweeper{};
+    getdisconinfo(&sweeper);
     fuzz::check_registry();
     return 0;
 }

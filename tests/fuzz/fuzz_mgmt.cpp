@@ -5,10 +5,13 @@
 //                                    of the whole 64 KiB segment by default)
 //   D DATAGRAM                       a datagram from an appliance
 //   H TEXT                           the argument helpers on TEXT's words
-// Four devices are registered before each run. Left out: the relay's file
-// (2053 wxcmd=1 file=...) names any file the client likes, so every file=
-// word is pointed at a command file under the private root; range changes
-// (2056) write log.conf under that root only.
+// Four devices are registered before each run. The relay's file (2053
+// wxcmd=1 file=...) is read only for a client on the socket, never here;
+// every file= word is pointed at a command file under the private root all
+// the same, so no input can name a file of the host. Range changes (2056)
+// write log.conf under that root only. The module list and statistics
+// commands (387, 388) are registered by the full start-up only and are not
+// reached.
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
@@ -118,13 +121,21 @@ void run_command(std::string_view head, std::string_view args)
     _jos_curcmd = 0;
     std::free(arg);
 
-    if (ca.ca_rlen < 0 || ca.ca_rlen > rlen || ca.ca_pos < 0 || ca.ca_pos > rlen)
+    // A reply of N characters counts its terminator; with no room at all
+    // some modules still answer 1, which only covers the NUL at the start.
+    if (ca.ca_rlen < 0 || ca.ca_rlen > std::max(rlen, 1L) || ca.ca_pos < 0 || ca.ca_pos > rlen)
         fuzz::fail("reply", "command %d: reply length %d, position %d, room %ld", code, ca.ca_rlen, ca.ca_pos, rlen);
     for (long i = rlen; i < SEG_SIZE; i++)
         if (static_cast<unsigned char>(_seg[i]) != CANARY)
             fuzz::fail("reply", "command %d wrote at %ld, past its room of %ld", code, i, rlen);
-    if (code == JOS_CMD_LIST && module == "cloud" && ca.ca_errno == 0 && fuzz::enforced("listing"))
-        check_listing({_seg, size_t(ca.ca_pos)});
+    if (module != "cloud" || ca.ca_errno != 0 || !fuzz::enforced("listing"))
+        return;
+    std::string_view reply(_seg, size_t(ca.ca_pos));
+    if (code == JOS_CMD_LIST)
+        check_listing(reply);
+    // The name query answers one line, whatever the name holds.
+    if (size_t nl = reply.find('\n'); code == 2054 && nl != std::string_view::npos && nl + 1 < reply.size())
+        fuzz::fail("listing", "name reply of several lines: %.200s", _seg);
 }
 
 // The value helpers on every word, with the properties callers rely on.
@@ -177,6 +188,7 @@ void run_helpers(std::string_view text)
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
     fuzz::make_root();
+    fuzz::fill_writer_queue();
     if (cloud_devpool_init() != 0 || cmds_module.init(&_jos_kernel) != 0)
         __builtin_trap();
     for (jos_module_t* m : {&cloud_module, &cpu_module, &dbf_module, &thread_module, &config_module})

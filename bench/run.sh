@@ -15,7 +15,12 @@
 #     against udp_sink (the bare receive loop), fed by the same vtsim load
 #     generator, and the highest rate each keeps under 0.1% loss;
 #   - resident memory and idle CPU after the load, and start-up time with
-#     2000 rows.
+#     2000 rows;
+#   - configuration backups: 2000 gateways pinging the backup socket every
+#     second with BACKUPS of them due (default 200; BENCH_BACKUPS=2000 for
+#     the whole fleet, about ten minutes): time until every due row reads
+#     'ok', the rate, and CPU per ping of the backup thread, during the run
+#     and with nothing due; then the highest ping rate the socket takes.
 # Everything it starts is stopped on exit, by PID.
 set -euo pipefail
 
@@ -31,6 +36,11 @@ readonly LOSS_LIMIT=0.1    # percent, for the max-rate search
 readonly MGMT_ITER=200
 readonly MGMT_SECONDS=4    # cap per command
 readonly IDLE_SECONDS=10   # idle CPU is measured over this long
+readonly BACKUPS=${BENCH_BACKUPS:-200}  # backups due in the backup run (at most GW)
+readonly PING_SECONDS=1    # each gateway pings the backup socket this often
+readonly BACKUP_TIMEOUT=900
+readonly PING_STEADY_SECONDS=10
+readonly PING_BURST_RATES=(20000 50000)  # pings/s, 3 s each
 
 log() { printf '[bench] %s\n' "$*" >&2; }
 die() { log "error: $*"; exit 1; }
@@ -54,6 +64,7 @@ work=$(mktemp -d /tmp/cloud-bench.XXXXXX)
 readonly work root="$work/root"
 daemon_pid=
 sink_pid=
+bsim_pid=
 db_started=0
 
 # Stops process $1 (one of ours) with SIGTERM, SIGKILL after 10 s.
@@ -76,6 +87,7 @@ stop_pid() {
 cleanup() {
     local rc=$?
     stop_pid "$sink_pid"
+    stop_pid "$bsim_pid"
     stop_pid "$daemon_pid"
     if ((db_started)); then
         "$top/scripts/mariadb.sh" stop "$work/db" >/dev/null 2>&1 || true
@@ -106,9 +118,11 @@ sql() {
 }
 
 PORT=$(free_udp_port)
-readonly PORT
+BPORT=$(free_udp_port)
+readonly PORT BPORT
+((BACKUPS >= 1 && BACKUPS <= GW)) || die "BENCH_BACKUPS must be 1..$GW"
 mkdir -p -- "$root/var/tmp" "$root/etc" "$root/tmp"
-printf 'device_port=%s\n' "$PORT" >"$root/etc/cloud.conf"
+printf 'device_port=%s\nbackup_port=%s\n' "$PORT" "$BPORT" >"$root/etc/cloud.conf"
 
 # True once a socket is bound to UDP port $1.
 udp_bound() {
@@ -129,10 +143,10 @@ start_daemon() {
         { tail -n 20 -- "$work/daemon.log" >&2; die "daemon did not answer"; }
     startup_ms=$(( (${ready#ready_us=} - t0) / 1000 ))
     for ((i = 0; i < 500; i++)); do
-        udp_bound "$PORT" && return 0
+        udp_bound "$PORT" && udp_bound "$BPORT" && return 0
         sleep 0.01
     done
-    die "daemon did not bind UDP port $PORT"
+    die "daemon did not bind UDP ports $PORT and $BPORT"
 }
 
 stop_daemon() {
@@ -358,6 +372,105 @@ startup_full_ms=$startup_ms
 loaded=$(device_total)
 stop_daemon
 
+# ---------------------------------------------------------------- 5. configuration backups
+# Rows due at once (periodic, never run) for the first BACKUPS gateways; the
+# daemon learns the gateways from their pings. The scheduler orders at most
+# 10 at a time, every 3 s; an order leaves with the gateway's next ping and
+# vtsim answers at once, so with pings faster than the sweep every sweep
+# finds the previous ten done: at most 10 backups per 3 s.
+sql "delete from vtlog.cloud_backup"
+now=$(date +%s)
+values=
+for ((i = 1; i <= BACKUPS; i++)); do
+    values+="${values:+,}('$(printf 'SIM%09d' "$i")', 'sim-gw-$i', 0, 1, 1, 0, 'wait', 0, $((now + 86400)), 0, 0)"
+done
+sql "insert into vtlog.cloud_backup(license_id12, cname, grpid, backup_type, backup_seg, complete, errors,
+     backup_time, backup_nexttime, backup_ctime, fnum) values $values"
+rm -rf -- "$root/usr/logdata/vtconf"
+start_daemon
+
+# The backup thread's id: by name when threads carry names, else the thread
+# that worked hardest over two snapshots (under a ping load, the receiver).
+backup_tid() {
+    local t
+    for t in /proc/"$daemon_pid"/task/*; do
+        [[ "$(cat "$t/comm" 2>/dev/null)" == backup ]] && { printf '%s\n' "${t##*/}"; return 0; }
+    done
+    return 1
+}
+busiest_tid() {
+    awk 'NR == FNR { a[$1] = $2; next } { d = $2 - a[$1]; if (d > m) { m = d; t = $1 } } END { print t }' \
+        <(printf '%s\n' "$1") <(printf '%s\n' "$2")
+}
+tid_cpu() { awk -v t="$1" '$1 == t { print $2 }' <<<"$2"; }
+# Sets cpu_ns, the CPU of the backup thread between two snapshots, and
+# tid_how, how the thread was found.
+backup_cpu() {
+    local tid
+    if tid=$(backup_tid); then
+        tid_how="thread named backup"
+    else
+        tid=$(busiest_tid "$1" "$2")
+        tid_how="busiest thread: the daemon's threads carry no names"
+    fi
+    cpu_ns=$(($(tid_cpu "$tid" "$2") - $(tid_cpu "$tid" "$1")))
+}
+
+bsim=("$VTSIM" --load --port "$PORT" --backup-port "$BPORT" --backup-dir "$root/usr/logdata/vtconf"
+    --count "$GW" --reports 1 --quiet --linger 0)
+ok_rows() { sql "select count(*) from vtlog.cloud_backup where errors='ok'"; }
+
+log "backups: $BACKUPS due, $GW gateways pinging every ${PING_SECONDS}s"
+before=$(thread_cpu "$daemon_pid")
+t0=$(now_us)
+"${bsim[@]}" --ping "$PING_SECONDS" --duration "$BACKUP_TIMEOUT" >"$work/backup_run.out" 2>>"$work/vtsim.log" &
+bsim_pid=$!
+first_ok_ms=-1 all_ok_ms=-1 ok=0
+while :; do
+    ok=$(ok_rows)
+    t=$(now_us)
+    ((ok > 0 && first_ok_ms < 0)) && first_ok_ms=$(((t - t0) / 1000))
+    if ((ok >= BACKUPS)); then
+        all_ok_ms=$(((t - t0) / 1000))
+        break
+    fi
+    (((t - t0) / 1000000 < BACKUP_TIMEOUT)) && kill -0 "$bsim_pid" 2>/dev/null || break
+    sleep 0.2
+done
+after=$(thread_cpu "$daemon_pid")
+stop_pid "$bsim_pid"
+bsim_pid=
+bout=$(grep '^sent=' "$work/backup_run.out" || true)
+run_pings=$(field pings "$bout")
+backup_cpu "$before" "$after"
+run_cpu=$cpu_ns run_how=$tid_how
+states=$(sql "select errors, count(*) from vtlog.cloud_backup group by errors order by 2 desc" |
+    awk -F'\t' '{ printf "%s%s=%s", (NR > 1 ? " " : ""), $1, $2 }')
+files=$(find "$root/usr/logdata/vtconf" -name '*.conf' 2>/dev/null | wc -l)
+
+log "pings with nothing due (${PING_STEADY_SECONDS}s)"
+before=$(thread_cpu "$daemon_pid")
+sout=$("${bsim[@]}" --ping "$PING_SECONDS" --duration "$PING_STEADY_SECONDS" 2>>"$work/vtsim.log" | grep '^sent=')
+after=$(thread_cpu "$daemon_pid")
+steady_pings=$(field pings "$sout")
+backup_cpu "$before" "$after"
+steady_cpu=$cpu_ns steady_how=$tid_how
+
+declare -a ping_lines=()
+for rate in "${PING_BURST_RATES[@]}"; do
+    log "pings at ${rate}/s"
+    before=$(thread_cpu "$daemon_pid")
+    pout=$("${bsim[@]}" --ping-rate "$rate" --duration 3 --linger 1 2>>"$work/vtsim.log" | grep '^sent=')
+    after=$(thread_cpu "$daemon_pid")
+    p=$(field pings "$pout")
+    l=$(field ping_lost "$pout")
+    backup_cpu "$before" "$after"
+    ping_lines+=("$(awk -v r="$rate" -v p="$p" -v l="$l" -v c="$cpu_ns" 'BEGIN {
+        printf "  %6d/s  sent %7d  lost %6d (%.2f%%)  %5.0f ns/ping", r, p, l, (p > 0 ? l * 100 / p : 0),
+            (p - l > 0 ? c / (p - l) : 0) }')")
+done
+stop_daemon
+
 # ---------------------------------------------------------------- report
 {
     printf 'cloud benchmarks: %s  nproc=%s  %s  RelWithDebInfo\n' "$(date -u '+%Y-%m-%d %H:%M UTC')" \
@@ -381,4 +494,26 @@ stop_daemon
         "$startup_empty_ms" "$GW" "$startup_full_ms"
     printf ' (device_total=%s)\n' "$loaded"
     printf '    daemon after the load: VmRSS %s, VmHWM %s; idle CPU %s%% of one core\n' "$rss" "$hwm" "$idle_pct"
+    printf '\n[5] configuration backups: %d gateways pinging every %ss, %d backups due at once\n' "$GW" \
+        "$PING_SECONDS" "$BACKUPS"
+    if ((all_ok_ms >= 0)); then
+        awk -v n="$BACKUPS" -v g="$GW" -v a="$all_ok_ms" -v f="$first_ok_ms" 'BEGIN {
+            r = n * 1000 / a
+            printf "  first ok after %.1f s, all %d ok after %.1f s: %.2f backups/s\n", f / 1000, n, a / 1000, r
+            if (n < g)
+                printf "  %d due: about %.0f s (%.1f min), extrapolated at the same rate\n", g, g / r, g / r / 60
+        }'
+    else
+        printf '  NOT DONE: %d of %d ok after %d s\n' "$ok" "$BACKUPS" "$BACKUP_TIMEOUT"
+    fi
+    printf '  bound: at most 10 in flight, scheduler every 3 s, an order leaves with the next ping:\n'
+    printf '  10 per 3 s (3.3/s) while pings come faster than the sweep, else 10 per ping interval\n'
+    printf '  rows: %s; files in vtconf: %s\n' "$states" "$files"
+    awk -v p="$run_pings" -v c="$run_cpu" -v h="$run_how" 'BEGIN {
+        printf "  backup thread during the run: %d pings, %.1f ms CPU, %.0f ns per ping (%s)\n",
+            p, c / 1e6, (p > 0 ? c / p : 0), h }'
+    awk -v p="$steady_pings" -v c="$steady_cpu" -v h="$steady_how" 'BEGIN {
+        printf "  nothing due, %d pings: %.1f ms CPU, %.0f ns per ping (%s)\n", p, c / 1e6, (p > 0 ? c / p : 0), h }'
+    printf '  ping bursts of 3 s (ns/ping over the pings taken in):\n'
+    printf '%s\n' "${ping_lines[@]}"
 }

@@ -7,10 +7,12 @@
 
 #include <cerrno>
 
+#include <cstdio>
 #include <cstring>
 #include <new>
 
 #include "jos_cmds.h"
+#include "ipe_string.h"
 #include "jos_cpu.h"
 
 thread_local jos_thread_t* _jos_curthread;
@@ -48,6 +50,11 @@ static void* jos_thread_main(void* arg)
 {
     auto* td = static_cast<jos_thread_t*>(arg);
     td->td_signals |= JOS_TD_RUNNING;
+    // The kernel's name of the thread (15 characters), so that top and
+    // /proc tell the workers apart.
+    char comm[16];
+    ipe_fieldcpy(comm, td->td_name);
+    pthread_setname_np(pthread_self(), comm);
     jos_cpu_bind(td->td_cpuid);
     _jos_curthread = td;
     while ((td->td_signals & JOS_TD_RELEASED) == 0)

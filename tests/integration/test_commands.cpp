@@ -345,8 +345,9 @@ TEST_F(Commands, CommandLineShortcuts)
         int st = pclose(p);
         return std::to_string(WEXITSTATUS(st)) + ":" + out;
     };
-    EXPECT_EQ(ctl("setgrp DEV000000001 33"), "0:ok");
-    EXPECT_EQ(ctl("rename DEV000000001 front-door"), "0:ok");
+    EXPECT_EQ(ctl("setgrp DEV000000001 33"), "0:ok\n");
+    EXPECT_EQ(ctl("rename DEV000000001 front-door"), "0:ok\n");
+    ASSERT_TRUE(d_->db_settled());
     EXPECT_EQ(device_row("DEV000000001", "sys_name2, grpid"), "front-door|33");
     EXPECT_EQ(ctl("rename DEV000000001 'two words'").substr(0, 2), "1:");
     EXPECT_EQ(ctl("rename NOSUCH x").substr(0, 2), "1:");

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstring>
 
 namespace {
@@ -107,6 +108,114 @@ TEST(Vtsim, DecodesCommandsOfExactSizeOnly)
     ASSERT_TRUE(parse_hex("0x5654 52 00 1c:27-fF", c));  // pairs, optional separators
     EXPECT_EQ(c, (bytes{0x56, 0x54, 0x52, 0, 0x1c, 0x27, 0xff}));
     EXPECT_FALSE(parse_hex("565", c) || parse_hex("5 6", c) || parse_hex("zz", c));
+}
+
+// The backup socket's records: what each builder puts where, cut inside
+// its field.
+TEST(Vtsim, BackupSocketRecordsAtWireOffsets)
+{
+    bytes p = bytes_of(build_ping("SIM000000007"));
+    ASSERT_EQ(p.size(), 24u);
+    expect_fields(p, {{4, 2, 10015}}, {{0, 4, "VTR"}, {8, 16, "SIM000000007"}});
+    bytes ok = bytes_of(build_backup_log(VTR_BACKUP_OK, "SIM000000007", "", "1718000000"));
+    bytes named = bytes_of(build_backup_log(VTR_BACKUP_NAMED, "SIM000000007", std::string(40, 'f'), ""));
+    bytes fail = bytes_of(build_backup_log(VTR_BACKUP_FAIL1, "SIM000000007", "", "disk full 'var'" + std::string(200, 'x')));
+    ASSERT_EQ(ok.size(), 184u);
+    expect_fields(ok, {{4, 2, 10017}}, {{8, 16, "SIM000000007"}, {24, 32, ""}, {56, 128, "1718000000"}});
+    expect_fields(named, {{4, 2, 10020}}, {{24, 32, std::string(31, 'f')}, {56, 128, ""}});
+    expect_fields(fail, {{4, 2, 10018}}, {{56, 128, ("disk full 'var'" + std::string(200, 'x')).substr(0, 127)}});
+    bytes ack = bytes_of(build_appup_ack("SIM000000008", "app-2.1.0.bag"));
+    ASSERT_EQ(ack.size(), 88u);
+    expect_fields(ack, {{4, 2, 30002}, {6, 2, 0}}, {{8, 16, "SIM000000008"}, {24, 64, "app-2.1.0.bag"}});
+    bytes log = bytes_of(build_appup_log("SIM000000008", "upgrade succ 2.1.0\r\n"));
+    ASSERT_EQ(log.size(), 152u);
+    expect_fields(log, {{4, 2, 30003}}, {{8, 16, "SIM000000008"}, {24, 128, "upgrade succ 2.1.0\r\n"}});
+    bytes app = bytes_of(build_appinfo("SIM000000009", sim_app(12)));
+    ASSERT_EQ(app.size(), 200u);
+    expect_fields(app, {{4, 2, 30001}},
+                  {{8, 16, "SIM000000009"}, {24, 64, "app12"}, {88, 64, "App12"}, {152, 32, "1.12"}, {184, 16, "running"}});
+    // The text form splits into the same values, word by word.
+    std::string t = appinfo_text("appinfo", "SIM000000009", sim_app(3));
+    EXPECT_EQ(t.rfind("tag=appinfo ", 0), 0u);
+    for (auto [key, want] : {std::pair<const char*, const char*>{"license_id12", "SIM000000009"}, {"name", "app3"},
+                             {"cname", "App3"}, {"version", "1.3"}, {"status", "running"}})
+        EXPECT_EQ(token_value(t, key), want) << key;
+}
+
+// Orders are decoded at their exact sizes only and routed by their
+// identifier; an echo is recognised only when every byte came back.
+TEST(Vtsim, DecodesOrdersAndChecksEchoes)
+{
+    cloud_backupinfo_t b{};
+    std::memcpy(b.tag, "VTR", 4);
+    b.type = VTR_BACKUPINFO;
+    b.fl_ctime = 1718000000;
+    std::memcpy(b.license_id12, "SIM000000004", 13);
+    std::memcpy(b.filename, "named.conf", 11);
+    incoming in = classify(bytes_of(b));
+    EXPECT_EQ(in.kind, incoming::BACKUP_ORDER);
+    EXPECT_EQ(in.id, "SIM000000004");
+    EXPECT_EQ(in.backup.fl_ctime, 1718000000u);
+    EXPECT_EQ(get_str(in.backup.filename, sizeof(in.backup.filename)), "named.conf");
+    bytes up = bytes_of(build_appup_ack("SIM000000005", "pkg.bag"));
+    up[6] = 0x50;  // nginx_port 80
+    in = classify(up);
+    EXPECT_EQ(in.kind, incoming::APPUP_ORDER);
+    EXPECT_EQ(in.id, "SIM000000005");
+    EXPECT_EQ(in.appup.nginx_port, 80);
+    for (bytes cut : {bytes_of(b, 63), bytes_of(b, 65), bytes(up.begin(), up.end() - 1)})
+        EXPECT_EQ(classify(cut).kind, incoming::OTHER) << cut.size();
+
+    size_t shortest = SIZE_MAX, longest = 0;
+    for (uint32_t serial = 0; serial < 40; serial++) {
+        bytes e = build_echo("SIM000000006", serial);
+        shortest = std::min(shortest, e.size());
+        longest = std::max(longest, e.size());
+        in = classify(e);
+        ASSERT_EQ(in.kind, incoming::ECHO);
+        EXPECT_EQ(in.id, "SIM000000006");
+        EXPECT_TRUE(echo_intact(e.data(), e.size()));
+        for (size_t at : {size_t(9), size_t(25), e.size() - 1}) {  // identifier, serial, last byte
+            bytes bad = e;
+            bad[at] ^= 1;
+            EXPECT_FALSE(echo_intact(bad.data(), bad.size())) << serial << " at " << at;
+        }
+        bytes longer = e;
+        longer.push_back(0);
+        EXPECT_FALSE(echo_intact(longer.data(), longer.size()));
+        EXPECT_FALSE(echo_intact(e.data(), e.size() - 1));
+    }
+    EXPECT_EQ(shortest, 29u);
+    EXPECT_GT(longest, 900u);
+    EXPECT_LE(longest, ECHO_MAX);
+    bytes e = build_echo("SIM000000006", 7);
+    EXPECT_GT(std::count(e.begin() + 28, e.end(), 0), 0);  // NULs inside the pattern come back too
+}
+
+TEST(Vtsim, BackupFileNamesAndFailureFractions)
+{
+    std::tm t{};
+    t.tm_year = 124, t.tm_mon = 0, t.tm_mday = 5, t.tm_hour = 7, t.tm_min = 8, t.tm_sec = 9;
+    EXPECT_EQ(backup_conf_name("SIM000000001", t), "SIM000000001_20240105070809.conf");
+    for (const char* good : {"SIM000000001.conf", "a", "..x", "x y'z"})
+        EXPECT_TRUE(safe_file_name(good)) << good;
+    for (const char* bad : {"", ".", "..", "../x", "a/b", "/etc/passwd", "a\nb"})
+        EXPECT_FALSE(safe_file_name(bad)) << bad;
+    EXPECT_FALSE(safe_file_name(std::string(256, 'a')));
+    // The fraction holds at every prefix, not only on average, and the
+    // picks are spread: at half or less never two in a row.
+    for (double rate : {0.0, 0.1, 0.25, 1.0 / 3, 0.5, 0.999, 1.0}) {
+        uint64_t picked = 0;
+        bool last = false;
+        for (uint64_t n = 0; n < 3000; n++) {
+            bool p = pick(rate, n);
+            ASSERT_FALSE(p && last && rate <= 0.5) << rate << " " << n;
+            picked += p, last = p;
+            ASSERT_LE(std::fabs(static_cast<double>(picked) - rate * static_cast<double>(n + 1)), 1.0) << rate << " " << n;
+        }
+    }
+    EXPECT_FALSE(pick(0.25, 0) || pick(0.25, 1) || pick(0.25, 2));
+    EXPECT_TRUE(pick(0.25, 3));
 }
 
 TEST(Vtsim, DropsOfEverySocketOnThePort)

@@ -18,13 +18,47 @@ const std::map<std::string, int> SORT_KEYS = {
     {"down", 8},  {"uptime", 9},  {"version", 10}, {"temp", 11},  {"cpu", 12},  {"name", 13},
 };
 
+const char* const APP_COLUMNS = "license_id12|sysname|app_name|app_cname|app_version|grpid|time|app_status|mask";
+
 const char* const LIST_COLUMNS =
     "ipaddr|sys_name|license_start|license_end|license_id12|max_flowcont|max_ipcnt|current_users|flowcont|upbps|"
     "downbps|time|webport|grpid|license_id83|sys_name2|sys_run|sshport|outip|longitude|latitude|map_address|"
     "version|temp|passreset|cpu|isequal|info|eqtime|max_users|grpname|stat";
 
+// The inventory's lines (nine fields, one blank apart; a name not known
+// yet is an empty field) as '|'-separated rows under a header. A line of
+// more than nine fields has blanks in a name: the extra words go to
+// sysname, the appliance's display name, the one field people write blanks
+// into. A '|' inside a field is shown as '/'.
+std::string app_rows(const std::string& text)
+{
+    std::string out = std::string(APP_COLUMNS) + "\n";
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) {
+        std::vector<std::string> w;
+        std::istringstream ls(line);
+        for (std::string f; std::getline(ls, f, ' ');) {
+            for (char& c : f)
+                if (c == '|')
+                    c = '/';
+            w.push_back(f);
+        }
+        if (w.size() < 9) {
+            out += line + "\n";  // total=N
+            continue;
+        }
+        std::string row = w[0] + "|" + w[1];
+        for (size_t i = 2; i + 7 < w.size(); i++)
+            row += " " + w[i];
+        for (size_t i = w.size() - 7; i < w.size(); i++)
+            row += "|" + w[i];
+        out += row + "\n";
+    }
+    return cloudctl_align(out);
+}
+
 // Prints the reply, or the error, and gives the exit status.
-int finish(const cloudctl_result& r, bool table)
+int finish(const cloudctl_result& r, bool table, bool apps = false)
 {
     if (r.rc != 0) {
         std::fprintf(stderr, "cloudctl: %s\n", r.error.c_str());
@@ -35,7 +69,9 @@ int finish(const cloudctl_result& r, bool table)
         return 2;
     }
     std::string text = r.text();
-    if (table) {
+    if (table && apps) {
+        text = app_rows(text);
+    } else if (table) {
         // The reply's header names 30 columns for 32 values: people get
         // the real names.
         size_t eol = text.find('\n');
@@ -43,6 +79,8 @@ int finish(const cloudctl_result& r, bool table)
             text = std::string(LIST_COLUMNS) + text.substr(eol);
         text = cloudctl_align(text);
     }
+    if (!text.empty() && text.back() != '\n')
+        text += '\n';  // "ok" comes bare; keep the prompt on its own line
     std::fputs(text.c_str(), stdout);
     return 0;
 }
@@ -99,12 +137,21 @@ void cloudctl_shortcut_usage()
                  "  rename ID NAME                                   set the display name\n"
                  "  setgrp ID GROUP                                  set the group\n"
                  "  resetpass ID PASSWORD [--mfadmin N]              reset the root password\n"
-                 "  range MIN MAX                                    change the mapping port range\n");
+                 "  range MIN MAX                                    change the mapping port range\n"
+                 "shortcuts (module backup):\n"
+                 "  backups                                          backups in flight, appliances\n"
+                 "                                                   pinging, backups waiting for a ping\n"
+                 "  apps [--page N] [--limit N] [--search TEXT] [--reverse] [--grp LIST] [--table]\n"
+                 "                                                   application inventory (--reverse\n"
+                 "                                                   with --search NAME[,VERSION]: the\n"
+                 "                                                   appliances that lack it; LIST: 1,2,3)\n"
+                 "  appstart ID APP STATE                            ask appliance ID to start APP\n");
 }
 
 int cloudctl_shortcut(const std::string& sock, int argc, char** argv)
 {
-    static const std::set<std::string> NAMES = {"devices", "stats", "rename", "setgrp", "resetpass", "range"};
+    static const std::set<std::string> NAMES = {"devices", "stats",   "rename", "setgrp",
+                                                "resetpass", "range", "backups", "apps", "appstart"};
     const std::string cmd = argv[0];
     if (NAMES.count(cmd) == 0)
         return -1;
@@ -129,7 +176,14 @@ int cloudctl_shortcut(const std::string& sock, int argc, char** argv)
             add("showequal=1");
         else if (a == "--page" || a == "--limit" || a == "--expire")
             add(a.substr(2) + "=" + next());
-        else if (a == "--grp")
+        else if (a == "--reverse" && cmd == "apps")
+            add("reverse=1");
+        else if (a == "--grp" && cmd == "apps") {
+            std::string g = next();
+            if (!word_ok(g, "the group list"))
+                return 1;
+            add("usergrp=" + g);
+        } else if (a == "--grp")
             add("grpid=" + next());
         else if (a == "--mfadmin")
             add("mfadminpass=" + next());
@@ -166,6 +220,18 @@ int cloudctl_shortcut(const std::string& sock, int argc, char** argv)
             return 1;
         add("license_id12=" + pos[0] + " rootpass=" + pos[1]);
         return finish(cloudctl_command(sock, "cloud", 2053, args), false);
+    }
+    if (cmd == "backups" && pos.empty() && args.empty())
+        return finish(cloudctl_command(sock, "backup", 2050, ""), false);
+    if (cmd == "apps" && pos.empty())
+        return finish(cloudctl_command(sock, "backup", 2055, args, 4 << 20), table, true);
+    if (cmd == "appstart" && pos.size() == 3) {
+        if (!word_ok(pos[0], "the identifier") || !word_ok(pos[1], "the application") ||
+            !word_ok(pos[2], "the state"))
+            return 1;
+        return finish(cloudctl_command(sock, "backup", 2053,
+                                       "license_id12=" + pos[0] + " app_name=" + pos[1] + " state=" + pos[2]),
+                      false);
     }
     if (cmd == "range" && pos.size() == 2)
         return finish(cloudctl_command(sock, "cloud", 2056, "minport=" + pos[0] + " maxport=" + pos[1]), false);

@@ -1,10 +1,14 @@
 // vtsim: plays gateway appliances against the daemon's device port, answers
-// the commands the daemon sends them, and in load mode measures how much of
-// a paced stream of status reports the daemon's socket took in.
+// the commands the daemon sends them, plays the appliance side of the backup
+// socket (pings, configuration backups, package upgrades, the application
+// inventory, echoes), and in load mode measures how much of a paced stream of
+// status reports and pings the daemon's sockets took in.
 //
 // Traffic goes to loopback addresses only. Every loop ends by itself: after
-// --reports rounds, after --duration seconds, or on SIGINT/SIGTERM.
+// --reports (and --pings) rounds, after --duration seconds, or on
+// SIGINT/SIGTERM.
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <getopt.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -82,13 +86,36 @@ const char USAGE[] =
     "Answers\n"
     "  --cpurate N       cpurate in answers to tag=cpuinfo (default 5)\n"
     "  --no-answer       receive and print commands but never reply\n"
-    "  --quiet           print only password resets (one line each)\n"
+    "  --quiet           print only password resets and application starts (one line each)\n"
     "  --linger S        keep answering S seconds after the last report (default 1)\n"
+    "\n"
+    "Backup socket (each gateway pings from the socket it reports from)\n"
+    "  --backup-port P   daemon backup port; enables the role (default off; the daemon's\n"
+    "                    default port is 24565)\n"
+    "  --backup-dir DIR  where backups are copied: the daemon's /usr/logdata/vtconf\n"
+    "                    (required with --backup-port)\n"
+    "  --ping S          each gateway pings (10015) every S seconds (default 5)\n"
+    "  --ping-rate R     R pings per second in total instead (with --load, 0 means\n"
+    "                    as fast as the socket takes them)\n"
+    "  --pings N         send exactly N rounds of pings (default 0: no limit); the run\n"
+    "                    ends when both the reports and the pings are done\n"
+    "  --backup-fail R   fraction 0..1 of backup orders answered with a failure\n"
+    "                    (10018 and 10019 in turn, texts with quotes; default 0)\n"
+    "  --backup-named    write every backup under <id>.conf and report it by name\n"
+    "                    (10020); an order that names a file is always answered so\n"
+    "  --appup-fail R    fraction 0..1 of package upgrades that end in failure (default 0)\n"
+    "  --apps N          report N applications (app1..appN) per gateway: type 30001\n"
+    "                    after the first ping, then one tag=appinfo text (40000) per\n"
+    "                    ping, app by app (default 0)\n"
+    "  --echo N          send N echoes (1009, 29 to 1023 bytes) per gateway after its\n"
+    "                    first ping; they must come back byte for byte (default 0)\n"
     "\n"
     "Modes\n"
     "  --load            load generator: shared socket, paced sendmmsg loop, then one line\n"
     "                    sent=N answered=N lost=N rate=R/s elapsed=S\n"
-    "                    (lost: the daemon socket's kernel drop counter, from /proc/net/udp)\n"
+    "                    (lost: the daemon socket's kernel drop counter, from /proc/net/udp);\n"
+    "                    with --backup-port the line goes on with pings=N ping_lost=N and\n"
+    "                    the backup counters below\n"
     "  --raw HEX         send one datagram given as hex bytes and exit\n"
     "  --bad             send a fixed set of malformed datagrams once and exit\n"
     "  --help            this text\n"
@@ -97,7 +124,15 @@ const char USAGE[] =
     "  <id> rootpassreset password=P oripass=O mfadminpass=N   (replied: return=0)\n"
     "  <id> cpuinfo                                           (replied with cpurate)\n"
     "  <id> mapping web=W ssh=S webenable=E sshenable=E hostport=H maphost=M\n"
-    "  <id> <command text>                                    (any other command)\n";
+    "  <id> <command text>                                    (any other command)\n"
+    "  <id> backup fl_ctime=T -> ok NAME | fail TYPE TEXT     (backup order answered)\n"
+    "  <id> appup packet=P port=N -> succ V | fail TEXT       (upgrade order answered)\n"
+    "  <id> appstart app_name=A state=S                       (start request; logged back)\n"
+    "  <id> echo changed len=N                                (an echo that came back altered)\n"
+    "At the end, on stderr:\n"
+    "  sent=N answered=N replies=N other=N send_errors=N, and with --backup-port\n"
+    "  pings=N backups=N backup_fails=N appups=N appup_fails=N appstarts=N\n"
+    "  echoes=SENT/BACK echo_bad=N\n";
 
 [[noreturn]] __attribute__((format(printf, 1, 2))) void die(const char* fmt, ...)
 {
@@ -162,6 +197,17 @@ struct options {
     bool has_raw = false;
     std::string raw;
     double linger = 1.0;
+    int backup_port = 0;  // 0: no backup role
+    std::string backup_dir;
+    double ping = 5;
+    bool ping_given = false;
+    double ping_rate = -1;  // below 0: each gateway every ping interval
+    long pings = 0;
+    double backup_fail = 0;
+    bool backup_named = false;
+    double appup_fail = 0;
+    long apps = 0;
+    long echo = 0;
 };
 
 options parse_args(int argc, char** argv)
@@ -169,7 +215,8 @@ options parse_args(int argc, char** argv)
     enum {
         O_HOST = 256, O_PORT, O_COUNT, O_PREFIX, O_FIRST, O_RATE, O_INTERVAL, O_DURATION, O_REPORTS, O_TYPE,
         O_LNGLAT, O_KEY, O_NAME, O_GRPNAME, O_VERSION, O_USERS, O_MAXUSERS, O_FLOW, O_MAXFLOW, O_CPURATE,
-        O_SHARED, O_NOANSWER, O_QUIET, O_LOAD, O_RAW, O_BAD, O_LINGER, O_HELP,
+        O_SHARED, O_NOANSWER, O_QUIET, O_LOAD, O_RAW, O_BAD, O_LINGER, O_HELP, O_BPORT, O_BDIR, O_PING,
+        O_PINGRATE, O_PINGS, O_BFAIL, O_BNAMED, O_AFAIL, O_APPS, O_ECHO,
     };
     static const option longopts[] = {
         {"host", required_argument, nullptr, O_HOST},
@@ -200,6 +247,16 @@ options parse_args(int argc, char** argv)
         {"bad", no_argument, nullptr, O_BAD},
         {"linger", required_argument, nullptr, O_LINGER},
         {"help", no_argument, nullptr, O_HELP},
+        {"backup-port", required_argument, nullptr, O_BPORT},
+        {"backup-dir", required_argument, nullptr, O_BDIR},
+        {"ping", required_argument, nullptr, O_PING},
+        {"ping-rate", required_argument, nullptr, O_PINGRATE},
+        {"pings", required_argument, nullptr, O_PINGS},
+        {"backup-fail", required_argument, nullptr, O_BFAIL},
+        {"backup-named", no_argument, nullptr, O_BNAMED},
+        {"appup-fail", required_argument, nullptr, O_AFAIL},
+        {"apps", required_argument, nullptr, O_APPS},
+        {"echo", required_argument, nullptr, O_ECHO},
         {nullptr, 0, nullptr, 0},
     };
     options o;
@@ -241,6 +298,16 @@ options parse_args(int argc, char** argv)
         case O_RAW: o.has_raw = true; o.raw = optarg; break;
         case O_BAD: o.bad = true; break;
         case O_LINGER: o.linger = parse_double("--linger", optarg, 0, 3600); break;
+        case O_BPORT: o.backup_port = static_cast<int>(parse_long("--backup-port", optarg, 1, 65535)); break;
+        case O_BDIR: o.backup_dir = optarg; break;
+        case O_PING: o.ping = parse_double("--ping", optarg, 0.001, 86400); o.ping_given = true; break;
+        case O_PINGRATE: o.ping_rate = parse_double("--ping-rate", optarg, 0, 1e8); break;
+        case O_PINGS: o.pings = parse_long("--pings", optarg, 0, 1000000000L); break;
+        case O_BFAIL: o.backup_fail = parse_double("--backup-fail", optarg, 0, 1); break;
+        case O_BNAMED: o.backup_named = true; break;
+        case O_AFAIL: o.appup_fail = parse_double("--appup-fail", optarg, 0, 1); break;
+        case O_APPS: o.apps = parse_long("--apps", optarg, 0, 1000); break;
+        case O_ECHO: o.echo = parse_long("--echo", optarg, 0, 100000); break;
         case 'h':
         case O_HELP: std::fputs(USAGE, stdout); std::exit(0);
         default: std::fputs("vtsim: try --help\n", stderr); std::exit(2);
@@ -259,6 +326,14 @@ options parse_args(int argc, char** argv)
         die("--rate 0 (unpaced) is for --load only");
     if (o.has_raw && o.bad)
         die("--raw and --bad are separate runs");
+    bool backup_opts = !o.backup_dir.empty() || o.ping_given || o.ping_rate >= 0 || o.pings > 0 || o.backup_fail > 0 ||
+                       o.backup_named || o.appup_fail > 0 || o.apps > 0 || o.echo > 0;
+    if (o.backup_port == 0 && backup_opts)
+        die("the backup options need --backup-port");
+    if (o.backup_port != 0 && o.backup_dir.empty())
+        die("--backup-port needs --backup-dir (the daemon's /usr/logdata/vtconf)");
+    if (o.ping_rate == 0 && !o.load)
+        die("--ping-rate 0 (unpaced) is for --load only");
     return o;
 }
 
@@ -304,52 +379,115 @@ void raise_nofile(long want)
     }
 }
 
+// One paced stream of datagrams, one per gateway and round: the status
+// reports, or the pings of the backup role.
+struct pacer {
+    uint64_t n = 1;           // gateways
+    double round_period = 0;  // seconds between round starts
+    double spacing = 0;       // seconds between datagrams inside a round
+    bool unpaced = false;
+    uint64_t limit = 0;  // datagrams in all; 0: the stream is off
+    uint64_t seq = 0;    // the next one to send
+
+    bool done() const { return seq >= limit; }
+
+    // When datagram Q (round Q/n, gateway Q%n) is due.
+    double due(uint64_t q) const
+    {
+        if (unpaced)
+            return 0;
+        return static_cast<double>(q / n) * round_period + static_cast<double>(q % n) * spacing;
+    }
+};
+
+// RATE per second in total (0: unpaced), or below 0 each gateway every
+// INTERVAL seconds, a round spread evenly at most 1 ms apart; ROUNDS rounds
+// (0: no limit).
+pacer make_pacer(uint64_t n, double rate, double interval, long rounds)
+{
+    pacer p;
+    p.n = n;
+    double dn = static_cast<double>(n);
+    if (rate > 0) {
+        p.spacing = 1.0 / rate;
+        p.round_period = dn / rate;
+    } else if (rate == 0) {
+        p.unpaced = true;
+    } else {
+        p.round_period = interval;
+        p.spacing = std::min(interval / dn, 0.001);
+    }
+    p.limit = rounds > 0 ? static_cast<uint64_t>(rounds) * n : UINT64_MAX;
+    return p;
+}
+
+// The stream whose next datagram is due first, or null when both are done;
+// on a tie (unpaced streams) the one that sent fewer.
+pacer* earliest(pacer& a, pacer& b)
+{
+    if (a.done())
+        return b.done() ? nullptr : &b;
+    if (b.done())
+        return &a;
+    double da = a.due(a.seq), db = b.due(b.seq);
+    if (da != db)
+        return db < da ? &b : &a;
+    return b.seq < a.seq ? &b : &a;
+}
+
 struct gateway {
     std::string id;
     long index = 0;
     int fd = -1;  // own socket, or the shared one
     devinfo_recv_bps_t tmpl{};
+    cloud_ping_t ping{};
 };
 
 struct sim {
     options o;
-    sockaddr_in dst{};
+    sockaddr_in dst{};   // device port
+    sockaddr_in bdst{};  // backup port
     std::vector<gateway> gw;
     int shared_fd = -1;
     double t0 = 0;
-    double round_period = 0;  // seconds between round starts
-    double spacing = 0;       // seconds between reports inside a round
-    bool unpaced = false;
-    uint64_t limit = UINT64_MAX;  // reports to send in all
+    pacer status, ping;
     std::atomic<uint64_t> sent{0}, answered{0}, replies{0}, other{0}, send_errors{0};
     std::atomic<bool> send_error_shown{false};
+    // Backup role. The orders are counted to pick the failures.
+    std::atomic<uint64_t> pings{0}, backup_orders{0}, backups{0}, backup_fails{0}, appup_orders{0}, appups{0},
+        appup_fails{0}, appstarts{0}, echo_sent{0}, echo_back{0}, echo_bad{0};
 
     double elapsed() const { return now_sec() - t0; }
+    bool finished() const { return status.done() && ping.done(); }
 
-    // When report SEQ (round SEQ/count, gateway SEQ%count) is due.
-    double due(uint64_t seq) const
+    int send_to(int fd, const sockaddr_in& to, const void* buf, size_t len)
     {
-        if (unpaced)
-            return 0;
-        uint64_t n = gw.size();
-        return static_cast<double>(seq / n) * round_period + static_cast<double>(seq % n) * spacing;
-    }
-
-    int send_to_daemon(int fd, const void* buf, size_t len)
-    {
-        ssize_t r = sendto(fd, buf, len, 0, reinterpret_cast<const sockaddr*>(&dst), sizeof(dst));
+        ssize_t r = sendto(fd, buf, len, 0, reinterpret_cast<const sockaddr*>(&to), sizeof(to));
         if (r < 0) {
             note_send_error(errno, 1);
             return -1;
         }
         return 0;
     }
+    int send_to_daemon(int fd, const void* buf, size_t len) { return send_to(fd, dst, buf, len); }
+    int send_to_backup(int fd, const void* buf, size_t len) { return send_to(fd, bdst, buf, len); }
 
     void note_send_error(int err, uint64_t n)
     {
         if (!send_error_shown.exchange(true))
             std::fprintf(stderr, "vtsim: send error: %s\n", std::strerror(err));
         send_errors += n;
+    }
+
+    // The backup counters, " key=value" each; empty without the role.
+    std::string backup_counters() const
+    {
+        if (o.backup_port == 0)
+            return {};
+        auto kv = [](const char* k, uint64_t v) { return std::string(" ") + k + "=" + std::to_string(v); };
+        return kv("backups", backups) + kv("backup_fails", backup_fails) + kv("appups", appups) +
+               kv("appup_fails", appup_fails) + kv("appstarts", appstarts) + " echoes=" +
+               std::to_string(echo_sent) + "/" + std::to_string(echo_back) + kv("echo_bad", echo_bad);
     }
 };
 
@@ -395,23 +533,20 @@ void setup_gateways(sim& s)
         p.temp = static_cast<uint16_t>(40 + g.index % 25);
         p.grpname = o.grpname;
         g.tmpl = build_status(p);
+        g.ping = build_ping(g.id);
     }
     s.dst.sin_family = AF_INET;
     s.dst.sin_port = htons(static_cast<uint16_t>(o.port));
     host_is_loopback(o.host.c_str(), &s.dst.sin_addr);
+    s.bdst = s.dst;
+    s.bdst.sin_port = htons(static_cast<uint16_t>(o.backup_port));
 
-    double n = static_cast<double>(o.count);
-    if (o.rate > 0) {
-        s.spacing = 1.0 / o.rate;
-        s.round_period = n / o.rate;
-    } else if (o.rate == 0) {
-        s.unpaced = true;
-    } else {
-        s.round_period = o.interval;
-        s.spacing = std::min(o.interval / n, 0.001);
-    }
-    if (o.reports > 0)
-        s.limit = static_cast<uint64_t>(o.reports) * static_cast<uint64_t>(o.count);
+    uint64_t n = static_cast<uint64_t>(o.count);
+    s.status = make_pacer(n, o.rate, o.interval, o.reports);
+    if (o.backup_port != 0)
+        s.ping = make_pacer(n, o.ping_rate, o.ping, o.pings);
+    else
+        s.ping.limit = 0;
 }
 
 // Report SEQ of gateway G, ready to send.
@@ -444,6 +579,29 @@ void send_extras(sim& s, const gateway& g)
     }
 }
 
+// What follows ping SEQ: after a gateway's first ping its applications and
+// echoes, after every later one a text report of one application, app by
+// app, so that a start request reaches the gateway within --apps pings.
+void send_ping_extras(sim& s, const gateway& g, uint64_t seq)
+{
+    uint64_t round = seq / s.gw.size();
+    if (round == 0) {
+        for (long k = 1; k <= s.o.apps; k++) {
+            cloud_appinfo_t d = build_appinfo(g.id, sim_app(k));
+            s.send_to_backup(g.fd, &d, sizeof(d));
+        }
+        for (long k = 0; k < s.o.echo; k++) {
+            std::vector<uint8_t> e = build_echo(g.id, static_cast<uint32_t>(k));
+            if (s.send_to_backup(g.fd, e.data(), e.size()) == 0)
+                s.echo_sent++;
+        }
+    } else if (s.o.apps > 0) {
+        long k = static_cast<long>((round - 1) % static_cast<uint64_t>(s.o.apps)) + 1;
+        cldarg_t c = build_cmdarg(appinfo_text("appinfo", g.id, sim_app(k)));
+        s.send_to_backup(g.fd, &c, sizeof(c));
+    }
+}
+
 void send_one(sim& s, uint64_t seq)
 {
     gateway& g = s.gw[seq % s.gw.size()];
@@ -455,6 +613,14 @@ void send_one(sim& s, uint64_t seq)
         send_extras(s, g);
 }
 
+void send_ping(sim& s, uint64_t seq)
+{
+    const gateway& g = s.gw[seq % s.gw.size()];
+    if (s.send_to_backup(g.fd, &g.ping, sizeof(g.ping)) == 0)
+        s.pings++;
+    send_ping_extras(s, g, seq);
+}
+
 void reply(sim& s, const gateway& g, const std::string& text)
 {
     if (s.o.no_answer)
@@ -462,6 +628,109 @@ void reply(sim& s, const gateway& g, const std::string& text)
     cldarg_t c = build_cmdarg(text);
     if (s.send_to_daemon(g.fd, &c, sizeof(c)) == 0)
         s.replies++;
+}
+
+// The configuration file that a backup copies; empty on success, else the
+// failure text to report.
+std::string write_conf(const std::string& path, const gateway& g, time_t t)
+{
+    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0640);
+    if (fd < 0)
+        return "scp: " + path + ": " + std::strerror(errno);
+    std::string text = "# configuration of " + g.id + "\nlicense_id12=" + g.id +
+                       "\nsys_name=" + get_str(g.tmpl.sys_name, sizeof(g.tmpl.sys_name)) +
+                       "\nversion=" + get_str(g.tmpl.version, sizeof(g.tmpl.version)) +
+                       "\nbackup_time=" + std::to_string(static_cast<long long>(t)) +
+                       "\nlan=192.168.1.1/24\nwan=dhcp\n";
+    bool ok = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    ok = close(fd) == 0 && ok;
+    return ok ? std::string() : "scp: short write on " + path;
+}
+
+// A backup order: the file is copied into the backup directory and the
+// result reported, under the time-stamped name (10017, errors = the time)
+// or under a name (10020); or the copy "fails" (10018 and 10019 in turn).
+void answer_backup(sim& s, const gateway& g, const cloud_backupinfo_t& order)
+{
+    static const char* const FAILURES[] = {
+        "disk full 'var'",
+        "scp: Permission denied (publickey) \"root\"",
+        "ssh: connect to host port 22: Connection refused; it's down \\",
+    };
+    uint64_t n = s.backup_orders++;
+    time_t t = std::time(nullptr);
+    std::string asked = get_str(order.filename, sizeof(order.filename));
+    bool named = !asked.empty() || s.o.backup_named;
+    std::string name;
+    if (!asked.empty()) {
+        name = asked;
+    } else if (named) {
+        name = g.id + ".conf";
+    } else {
+        std::tm tm{};
+        localtime_r(&t, &tm);
+        name = backup_conf_name(g.id, tm);
+    }
+    std::string failure;
+    if (pick(s.o.backup_fail, n))
+        failure = FAILURES[s.backup_fails % 3];
+    else if (!safe_file_name(name))
+        failure = "scp: refused file name " + name;
+    else
+        failure = write_conf(s.o.backup_dir + "/" + name, g, t);
+    cloud_backup_log_t d;
+    std::string outcome;
+    if (failure.empty()) {
+        d = named ? build_backup_log(VTR_BACKUP_NAMED, g.id, name, "")
+                  : build_backup_log(VTR_BACKUP_OK, g.id, "", std::to_string(static_cast<long long>(t)));
+        s.backups++;
+        outcome = "ok " + name;
+    } else {
+        uint16_t type = s.backup_fails++ % 2 == 0 ? VTR_BACKUP_FAIL1 : VTR_BACKUP_FAIL2;
+        d = build_backup_log(type, g.id, "", failure);
+        outcome = "fail " + std::to_string(type) + " " + failure;
+    }
+    s.send_to_backup(g.fd, &d, sizeof(d));
+    if (!s.o.quiet)
+        std::printf("%s backup fl_ctime=%u -> %s\n", g.id.c_str(), order.fl_ctime, printable(outcome).c_str());
+}
+
+// A package-upgrade order: acknowledged, then a progress report and the
+// end (a version, or a failure). The success report ends in a line break,
+// as the appliances send it.
+void answer_appup(sim& s, const gateway& g, const cloud_appupgradeinfo_t& order)
+{
+    uint64_t n = s.appup_orders++;
+    std::string packet = get_str(order.packet_name, sizeof(order.packet_name));
+    cloud_appupgradeinfo_t ack = build_appup_ack(g.id, packet);
+    s.send_to_backup(g.fd, &ack, sizeof(ack));
+    cloud_appup_log_t d = build_appup_log(g.id, "upgrade 50% downloading");
+    s.send_to_backup(g.fd, &d, sizeof(d));
+    bool fail = pick(s.o.appup_fail, n);
+    d = build_appup_log(g.id, fail ? "upgrade fail md5 mismatch" : "upgrade succ 2.1.0\r\n");
+    s.send_to_backup(g.fd, &d, sizeof(d));
+    (fail ? s.appup_fails : s.appups)++;
+    if (!s.o.quiet)
+        std::printf("%s appup packet=%s port=%u -> %s\n", g.id.c_str(), printable(packet).c_str(), order.nginx_port,
+                    fail ? "fail md5 mismatch" : "succ 2.1.0");
+}
+
+// A start request: printed, and its log sent back with the application
+// running (the log also refreshes the daemon's record, so it carries every
+// field of an application of ours; a foreign name gets no log).
+void answer_appstart(sim& s, const gateway& g, const std::string& text)
+{
+    s.appstarts++;
+    std::string app = token_value(text, "app_name");
+    std::printf("%s appstart app_name=%s state=%s\n", g.id.c_str(), printable(app).c_str(),
+                printable(token_value(text, "state")).c_str());
+    for (long k = 1; k <= s.o.apps; k++) {
+        if (sim_app(k).name == app) {
+            cldarg_t c = build_cmdarg(appinfo_text("appstartlog", g.id, sim_app(k)));
+            s.send_to_backup(g.fd, &c, sizeof(c));
+            break;
+        }
+    }
 }
 
 // One datagram received on socket FD; OWNER is the socket's gateway, or
@@ -493,6 +762,8 @@ void handle(sim& s, const gateway* owner, const uint8_t* buf, size_t len)
             if (g != nullptr)
                 reply(s, *g, "tag=cpuinfo license_id12=" + g->id + " cpurate=" + std::to_string(s.o.cpurate) +
                                  " rmadmin=0 cronfile=0");
+        } else if (tag == "appstart" && g != nullptr && s.o.backup_port != 0) {
+            answer_appstart(s, *g, in.text);
         } else if (!s.o.quiet) {
             std::printf("%s %s\n", who.c_str(), printable(in.text).c_str());
         }
@@ -502,6 +773,24 @@ void handle(sim& s, const gateway* owner, const uint8_t* buf, size_t len)
         s.answered++;
         if (!s.o.quiet)
             std::printf("%s %s\n", who.c_str(), format_mapping(in.map).c_str());
+        break;
+    case incoming::BACKUP_ORDER:
+    case incoming::APPUP_ORDER:
+    case incoming::ECHO:
+        if (g == nullptr || s.o.backup_port == 0) {
+            s.other++;
+            if (!s.o.quiet)
+                std::printf("%s other len=%zu type=%u\n", who.c_str(), len, in.type);
+        } else if (in.kind == incoming::BACKUP_ORDER) {
+            answer_backup(s, *g, in.backup);
+        } else if (in.kind == incoming::APPUP_ORDER) {
+            answer_appup(s, *g, in.appup);
+        } else if (echo_intact(buf, len)) {
+            s.echo_back++;
+        } else {
+            s.echo_bad++;
+            std::printf("%s echo changed len=%zu\n", who.c_str(), len);
+        }
         break;
     case incoming::OTHER:
         s.other++;
@@ -572,15 +861,22 @@ void linger(sim& s, int ep, double deadline)
 int run_normal(sim& s)
 {
     int ep = make_epoll(s);
-    uint64_t seq = 0;
     s.t0 = now_sec();
-    while (!g_stop && seq < s.limit) {
+    while (!g_stop && !s.finished()) {
         double now = s.elapsed();
         if (s.o.duration > 0 && now >= s.o.duration)
             break;
-        for (int n = 0; n < 256 && seq < s.limit && s.due(seq) <= now; n++)
-            send_one(s, seq++);
-        double wait = seq < s.limit ? s.due(seq) - s.elapsed() : 0;
+        for (int n = 0; n < 256; n++) {
+            pacer* p = earliest(s.status, s.ping);
+            if (p == nullptr || p->due(p->seq) > now)
+                break;
+            if (p == &s.status)
+                send_one(s, s.status.seq++);
+            else
+                send_ping(s, s.ping.seq++);
+        }
+        pacer* p = earliest(s.status, s.ping);
+        double wait = p != nullptr ? p->due(p->seq) - s.elapsed() : 0;
         if (s.o.duration > 0)
             wait = std::min(wait, s.o.duration - s.elapsed());
         wait = std::clamp(wait, 0.0, 0.1);
@@ -594,6 +890,9 @@ int run_normal(sim& s)
                  static_cast<unsigned long long>(s.sent.load()), static_cast<unsigned long long>(s.answered.load()),
                  static_cast<unsigned long long>(s.replies.load()), static_cast<unsigned long long>(s.other.load()),
                  static_cast<unsigned long long>(s.send_errors.load()));
+    if (s.o.backup_port != 0)
+        std::fprintf(stderr, "vtsim: pings=%llu%s\n", static_cast<unsigned long long>(s.pings.load()),
+                     s.backup_counters().c_str());
     return 0;
 }
 
@@ -615,11 +914,26 @@ long long port_drops(int port)
     return total;
 }
 
+// Growth of a drop counter; 0 when the port had no socket at the start, -1
+// when it had one and lost it.
+long long drops_since(long long before, int port)
+{
+    if (before < 0)
+        return 0;
+    long long after = port_drops(port);
+    return after < 0 ? -1 : after - before;
+}
+
 int run_load(sim& s)
 {
+    bool pinging = !s.ping.done();
     long long drops_before = port_drops(s.o.port);
     if (drops_before < 0)
         std::fprintf(stderr, "vtsim: no socket on UDP port %d in /proc/net/udp; lost is reported as 0\n", s.o.port);
+    long long ping_drops_before = pinging ? port_drops(s.o.backup_port) : -1;
+    if (pinging && ping_drops_before < 0)
+        std::fprintf(stderr, "vtsim: no socket on UDP port %d in /proc/net/udp; ping_lost is reported as 0\n",
+                     s.o.backup_port);
 
     std::atomic<bool> recv_stop{false};
     int ep = make_epoll(s);
@@ -631,34 +945,54 @@ int run_load(sim& s)
             wait_and_handle(s, ep, 20);
     });
 
+    // A batch interleaves both streams in the order they fall due; a slot
+    // remembers its stream and number, so that a short send moves each
+    // stream on by what actually went out.
     constexpr unsigned BATCH = 64;
-    devinfo_recv_bps_t bufs[BATCH];
+    struct slot {
+        bool ping;
+        uint64_t seq;
+        devinfo_recv_bps_t st;
+    };
+    static slot slots[BATCH];
     iovec iov[BATCH];
     mmsghdr msgs[BATCH];
     std::memset(msgs, 0, sizeof(msgs));
     for (unsigned i = 0; i < BATCH; i++) {
-        iov[i] = {&bufs[i], sizeof(bufs[i])};
         msgs[i].msg_hdr.msg_iov = &iov[i];
         msgs[i].msg_hdr.msg_iovlen = 1;
-        msgs[i].msg_hdr.msg_name = &s.dst;
-        msgs[i].msg_hdr.msg_namelen = sizeof(s.dst);
+        msgs[i].msg_hdr.msg_namelen = sizeof(sockaddr_in);
     }
 
-    uint64_t seq = 0;
     s.t0 = now_sec();
-    while (!g_stop && seq < s.limit) {
+    while (!g_stop && !s.finished()) {
         double now = s.elapsed();
         if (s.o.duration > 0 && now >= s.o.duration)
             break;
+        pacer st = s.status, pg = s.ping;  // moved on as the batch fills
         unsigned n = 0;
-        while (n < BATCH && seq + n < s.limit && s.due(seq + n) <= now) {
-            fill_status(s, s.gw[(seq + n) % s.gw.size()], seq + n, bufs[n]);
-            n++;
+        for (; n < BATCH; n++) {
+            pacer* p = earliest(st, pg);
+            if (p == nullptr || p->due(p->seq) > now)
+                break;
+            slot& sl = slots[n];
+            sl.ping = p == &pg;
+            sl.seq = p->seq++;
+            const gateway& g = s.gw[sl.seq % s.gw.size()];
+            if (sl.ping) {
+                iov[n] = {const_cast<cloud_ping_t*>(&g.ping), sizeof(g.ping)};
+                msgs[n].msg_hdr.msg_name = &s.bdst;
+            } else {
+                fill_status(s, g, sl.seq, sl.st);
+                iov[n] = {&sl.st, sizeof(sl.st)};
+                msgs[n].msg_hdr.msg_name = &s.dst;
+            }
         }
         if (n == 0) {
             // Sleep through most of the gap, spin the last stretch so that
             // the pacing stays even at high rates.
-            double gap = s.due(seq) - s.elapsed();
+            pacer* p = earliest(s.status, s.ping);
+            double gap = p->due(p->seq) - s.elapsed();
             if (s.o.duration > 0)
                 gap = std::min(gap, s.o.duration - s.elapsed());
             if (gap > 300e-6) {
@@ -671,18 +1005,30 @@ int run_load(sim& s)
             continue;
         }
         int k = sendmmsg(s.shared_fd, msgs, n, 0);
+        bool given_up = false;
         if (k < 0) {
             if (errno == EINTR)
                 continue;
-            s.note_send_error(errno, n);  // these reports are given up, the pace goes on
+            s.note_send_error(errno, n);  // these datagrams are given up, the pace goes on
             k = static_cast<int>(n);
-        } else {
-            s.sent += static_cast<uint64_t>(k);
+            given_up = true;
         }
-        for (int i = 0; i < k; i++)
-            if (seq + i < s.gw.size())
-                send_extras(s, s.gw[seq + i]);
-        seq += static_cast<uint64_t>(k);
+        for (int i = 0; i < k; i++) {
+            const slot& sl = slots[i];
+            const gateway& g = s.gw[sl.seq % s.gw.size()];
+            pacer& p = sl.ping ? s.ping : s.status;
+            p.seq = sl.seq + 1;
+            if (sl.ping) {
+                if (!given_up)
+                    s.pings++;
+                send_ping_extras(s, g, sl.seq);
+            } else {
+                if (!given_up)
+                    s.sent++;
+                if (sl.seq < s.gw.size())
+                    send_extras(s, g);
+            }
+        }
     }
     double elapsed = s.elapsed();
     if (!g_stop) {
@@ -694,18 +1040,20 @@ int run_load(sim& s)
     receiver.join();
     close(ep);
 
-    long long drops_after = port_drops(s.o.port);
-    long long lost = 0;
-    if (drops_before >= 0)
-        lost = drops_after < 0 ? -1 : drops_after - drops_before;
+    long long lost = drops_since(drops_before, s.o.port);
     if (s.send_errors > 0)
-        std::fprintf(stderr, "vtsim: %llu reports could not be sent\n",
+        std::fprintf(stderr, "vtsim: %llu datagrams could not be sent\n",
                      static_cast<unsigned long long>(s.send_errors.load()));
     std::fflush(stdout);
     double rate = elapsed > 0 ? static_cast<double>(s.sent.load()) / elapsed : 0;
-    std::printf("sent=%llu answered=%llu lost=%lld rate=%.0f/s elapsed=%.3f\n",
+    std::string extra;
+    if (s.o.backup_port != 0)
+        extra = " pings=" + std::to_string(s.pings.load()) +
+                " ping_lost=" + std::to_string(pinging ? drops_since(ping_drops_before, s.o.backup_port) : 0) +
+                s.backup_counters();
+    std::printf("sent=%llu answered=%llu lost=%lld rate=%.0f/s elapsed=%.3f%s\n",
                 static_cast<unsigned long long>(s.sent.load()), static_cast<unsigned long long>(s.answered.load()),
-                lost, rate, elapsed);
+                lost, rate, elapsed, extra.c_str());
     return 0;
 }
 

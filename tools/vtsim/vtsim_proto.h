@@ -1,8 +1,8 @@
-// vtsim datagram helpers: builders for what a simulated gateway sends,
-// decoding of what the daemon sends back, identifier and name formatting,
-// the kernel's per-socket drop counter, and the fixed set of malformed
-// datagrams. Header-only so that the unit tests can use it without linking
-// the simulator.
+// vtsim datagram helpers: builders for what a simulated gateway sends on
+// the device and backup sockets, decoding of what the daemon sends back,
+// identifier and name formatting, the kernel's per-socket drop counter, and
+// the fixed set of malformed datagrams. Header-only so that the unit tests
+// can use it without linking the simulator.
 #pragma once
 
 #include <arpa/inet.h>
@@ -13,10 +13,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "backup.h"
 #include "cloud.h"
 
 static_assert(std::endian::native == std::endian::little,
@@ -244,13 +246,176 @@ inline _mapping_port_t build_mapping(std::string_view id, uint16_t web, uint16_t
     return d;
 }
 
+// ---------------------------------------------------------------------------
+// Backup socket: pings, backup results, package-upgrade answers, the
+// application inventory and echoes.
+// ---------------------------------------------------------------------------
+
+inline cloud_ping_t build_ping(std::string_view id)
+{
+    cloud_ping_t d;
+    std::memset(&d, 0, sizeof(d));
+    put_magic(d.tag);
+    d.type = VTR_PING;
+    put_str(d.license_id12, sizeof(d.license_id12), id);
+    return d;
+}
+
+// TYPE 10017 (ERRORS: the decimal time of the backup), 10020 (FILENAME: the
+// file written) or 10018/10019 (ERRORS: the failure text).
+inline cloud_backup_log_t build_backup_log(uint16_t type, std::string_view id, std::string_view filename,
+                                           std::string_view errors)
+{
+    cloud_backup_log_t d;
+    std::memset(&d, 0, sizeof(d));
+    put_magic(d.tag);
+    d.type = type;
+    put_str(d.license_id12, sizeof(d.license_id12), id);
+    put_str(d.filename, sizeof(d.filename), filename);
+    put_str(d.errors, sizeof(d.errors), errors);
+    return d;
+}
+
+// The acknowledgement of a package-upgrade order: the order's own layout
+// and type, with the appliance's identifier.
+inline cloud_appupgradeinfo_t build_appup_ack(std::string_view id, std::string_view packet_name)
+{
+    cloud_appupgradeinfo_t d;
+    std::memset(&d, 0, sizeof(d));
+    put_magic(d.tag);
+    d.type = VTR_APPUPGRADE;
+    put_str(d.license_id12, sizeof(d.license_id12), id);
+    put_str(d.packet_name, sizeof(d.packet_name), packet_name);
+    return d;
+}
+
+// ERRORS is "<word> <result> <detail>": result succ, fail or a progress word.
+inline cloud_appup_log_t build_appup_log(std::string_view id, std::string_view errors)
+{
+    cloud_appup_log_t d;
+    std::memset(&d, 0, sizeof(d));
+    put_magic(d.tag);
+    d.type = VTR_APPUP_LOG;
+    put_str(d.license_id12, sizeof(d.license_id12), id);
+    put_str(d.errors, sizeof(d.errors), errors);
+    return d;
+}
+
+// Application K of a simulated gateway.
+struct app_desc {
+    std::string name, cname, version, status;
+};
+
+inline app_desc sim_app(long k)
+{
+    std::string n = std::to_string(k);
+    return {"app" + n, "App" + n, "1." + n, "running"};
+}
+
+inline cloud_appinfo_t build_appinfo(std::string_view id, const app_desc& a)
+{
+    cloud_appinfo_t d;
+    std::memset(&d, 0, sizeof(d));
+    put_magic(d.tag);
+    d.type = VTR_APPINFO;
+    put_str(d.license_id12, sizeof(d.license_id12), id);
+    put_str(d.app_name, sizeof(d.app_name), a.name);
+    put_str(d.app_cname, sizeof(d.app_cname), a.cname);
+    put_str(d.app_version, sizeof(d.app_version), a.version);
+    put_str(d.app_status, sizeof(d.app_status), a.status);
+    return d;
+}
+
+// The same report as a text message (type 40000); TAG is "appinfo", or
+// "appstartlog" for the log of a start.
+inline std::string appinfo_text(std::string_view tag, std::string_view id, const app_desc& a)
+{
+    return "tag=" + std::string(tag) + " license_id12=" + std::string(id) + " name=" + a.name + " cname=" + a.cname +
+           " version=" + a.version + " status=" + a.status;
+}
+
+// The identifier of a datagram with the ping's head, at least that long.
+inline std::string ping_id(const void* buf)
+{
+    cloud_ping_t h;
+    std::memcpy(&h, buf, sizeof(h));
+    return get_str(h.license_id12, sizeof(h.license_id12));
+}
+
+// Echo SERIAL of gateway ID: the ping's head with type 1009, the serial,
+// then a pattern that runs through every byte value (NULs included), for a
+// length between 29 and 1023 bytes (the daemon reads at most 1023).
+constexpr size_t ECHO_MAX = 1023;
+
+inline std::vector<uint8_t> build_echo(std::string_view id, uint32_t serial)
+{
+    cloud_ping_t h = build_ping(id);
+    h.type = VTR_ECHO;
+    size_t len = sizeof(h) + sizeof(serial) + 1 + (static_cast<size_t>(serial) * 61) % (ECHO_MAX - sizeof(h) - 4);
+    std::vector<uint8_t> v(len);
+    std::memcpy(v.data(), &h, sizeof(h));
+    std::memcpy(v.data() + sizeof(h), &serial, sizeof(serial));
+    uint32_t seed = serial * 131;  // the identifier is in the pattern too: an altered one shows
+    for (unsigned char c : id)
+        seed = (seed ^ c) * 16777619u;
+    for (size_t i = sizeof(h) + sizeof(serial); i < len; i++)
+        v[i] = static_cast<uint8_t>(seed + i * 7);
+    return v;
+}
+
+// True when BUF is, byte for byte, an echo that build_echo makes.
+inline bool echo_intact(const void* buf, size_t len)
+{
+    if (len < sizeof(cloud_ping_t) + sizeof(uint32_t) || len > ECHO_MAX)
+        return false;
+    const auto* p = static_cast<const uint8_t*>(buf);
+    uint32_t serial;
+    std::memcpy(&serial, p + sizeof(cloud_ping_t), sizeof(serial));
+    std::vector<uint8_t> want = build_echo(ping_id(p), serial);
+    return want.size() == len && std::memcmp(want.data(), p, len) == 0;
+}
+
+// "<id>_YYYYmmddHHMMSS.conf", the name under which a backup of local time
+// T is looked for.
+inline std::string backup_conf_name(std::string_view id, const std::tm& t)
+{
+    char stamp[80];
+    std::snprintf(stamp, sizeof(stamp), "_%04d%02d%02d%02d%02d%02d.conf", t.tm_year + 1900, t.tm_mon + 1, t.tm_mday,
+                  t.tm_hour, t.tm_min, t.tm_sec);
+    return std::string(id) + stamp;
+}
+
+// A file name from the daemon is written only as one plain component of
+// the backup directory.
+inline bool safe_file_name(std::string_view name)
+{
+    if (name.empty() || name == "." || name == ".." || name.size() > 255)
+        return false;
+    for (unsigned char c : name)
+        if (c == '/' || c < 0x20 || c == 0x7f)
+            return false;
+    return true;
+}
+
+// Whether event N (from 0) of a stream is one of the fraction RATE: exactly
+// floor(RATE * M) of the first M events are, spread evenly.
+inline bool pick(double rate, uint64_t n)
+{
+    if (!(rate > 0))
+        return false;
+    uint64_t ppm = rate >= 1 ? 1000000 : static_cast<uint64_t>(rate * 1e6 + 0.5);
+    return (n + 1) * ppm / 1000000 > n * ppm / 1000000;
+}
+
 // What came back from the daemon.
 struct incoming {
-    enum kind_t { COMMAND, MAPPING, OTHER } kind = OTHER;
+    enum kind_t { COMMAND, MAPPING, BACKUP_ORDER, APPUP_ORDER, ECHO, OTHER } kind = OTHER;
     uint16_t type = 0;
     std::string text;     // COMMAND: argstr up to its NUL or the field's end
-    std::string id;       // COMMAND: license_id12= (or licid12=); MAPPING: the field
+    std::string id;       // COMMAND: license_id12= (or licid12=); others: the field
     _mapping_port_t map;  // MAPPING only
+    cloud_backupinfo_t backup;       // BACKUP_ORDER only
+    cloud_appupgradeinfo_t appup;    // APPUP_ORDER only
 };
 
 // The value of the first space-separated token KEY=value in TEXT, or empty.
@@ -271,12 +436,15 @@ inline std::string token_value(std::string_view text, std::string_view key)
     return {};
 }
 
-// Only "VTR" datagrams of exactly the sizes the daemon sends are commands;
-// everything else is OTHER, with its type when the header is complete.
+// Only "VTR" datagrams of exactly the sizes the daemon sends are decoded
+// (an echo: any length that holds the ping's head); everything else is
+// OTHER, with its type when the header is complete.
 inline incoming classify(const void* buf, size_t len)
 {
     incoming in;
     std::memset(&in.map, 0, sizeof(in.map));
+    std::memset(&in.backup, 0, sizeof(in.backup));
+    std::memset(&in.appup, 0, sizeof(in.appup));
     const auto* p = static_cast<const unsigned char*>(buf);
     if (len >= sizeof(cloud_hdr_t)) {
         cloud_hdr_t h;
@@ -297,6 +465,17 @@ inline incoming classify(const void* buf, size_t len)
         std::memcpy(&in.map, p, sizeof(in.map));
         in.kind = incoming::MAPPING;
         in.id = get_str(in.map.licenseid12, sizeof(in.map.licenseid12));
+    } else if (len == sizeof(cloud_backupinfo_t) && in.type == VTR_BACKUPINFO) {
+        std::memcpy(&in.backup, p, sizeof(in.backup));
+        in.kind = incoming::BACKUP_ORDER;
+        in.id = get_str(in.backup.license_id12, sizeof(in.backup.license_id12));
+    } else if (len == sizeof(cloud_appupgradeinfo_t) && in.type == VTR_APPUPGRADE) {
+        std::memcpy(&in.appup, p, sizeof(in.appup));
+        in.kind = incoming::APPUP_ORDER;
+        in.id = get_str(in.appup.license_id12, sizeof(in.appup.license_id12));
+    } else if (len >= sizeof(cloud_ping_t) && in.type == VTR_ECHO) {
+        in.kind = incoming::ECHO;
+        in.id = ping_id(p);
     }
     return in;
 }

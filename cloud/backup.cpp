@@ -30,6 +30,7 @@
 #include "jos_cmds.h"
 #include "jos_thread.h"
 #include "jos_timer.h"
+#include "sshport.h"
 
 namespace {
 
@@ -79,33 +80,6 @@ cloud_backuplist_t* backup_find(const char* id)
 void backup_send(const void* data, size_t len, const sockaddr_in& to)
 {
     sendto(_backup_sock, data, len, 0, reinterpret_cast<const sockaddr*>(&to), sizeof(to));
-}
-
-// The key the appliances copy with: authorized_keys_tmp becomes
-// authorized_keys, written under a temporary name and renamed, owner only.
-void keyfile_install()
-{
-    std::string dst = keyfile();
-    std::error_code ec;
-    if (std::filesystem::exists(dst, ec))
-        return;
-    std::string src = jos_path("/root/.ssh/authorized_keys_tmp");
-    int in = open(src.c_str(), O_RDONLY | O_CLOEXEC);
-    if (in < 0)
-        return;
-    std::string tmp = dst + ".new";
-    int out = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
-    bool ok = out >= 0;
-    char buf[4096];
-    for (ssize_t n; ok && (n = read(in, buf, sizeof(buf))) > 0;)
-        ok = write(out, buf, static_cast<size_t>(n)) == n;
-    close(in);
-    if (out >= 0) {
-        ok = fchmod(out, 0600) == 0 && ok;
-        ok = close(out) == 0 && ok;
-    }
-    if (!ok || rename(tmp.c_str(), dst.c_str()) != 0)
-        unlink(tmp.c_str());
 }
 
 // ---------------------------------------------------------------------------
@@ -184,7 +158,7 @@ void backup_ping(const cloud_ping_t* p, const sockaddr_in& from)
         }
     }
     if (!orders.empty()) {
-        keyfile_install();
+        rsa_publish_if_missing();
         for (const cloud_backupinfo_t& o : orders)
             backup_send(&o, sizeof(o), from);
     }

@@ -23,6 +23,7 @@
 #include "jos_thread.h"
 #include "jos_timer.h"
 #include "lnglat.h"
+#include "sshport.h"
 #include "wxcmd.h"
 
 int sock = -1;
@@ -343,8 +344,13 @@ void cpuinfo_handle(const char* argstr)
         return;
     }
     d->cpu = static_cast<uint8_t>(cpurate);
-    (void)rmadmin;
-    (void)cronfile;
+    std::string text;
+    if (rmadmin != 0)
+        text = "删除admin用户;";
+    if (cronfile != 0)
+        text += "删除/etc/cron/tabs文件";
+    if (!text.empty())
+        log_add(d, text.c_str());
 }
 
 void return_handle(const char* argstr, const char* ip, uint16_t port)
@@ -369,8 +375,14 @@ void return_handle(const char* argstr, const char* ip, uint16_t port)
             cpuinfo_handle(argstr);
     }
     _devpool.mtx.unlock();
-    if (d != nullptr && std::strcmp(tag, "wxdeny") == 0)
+    if (d == nullptr)
+        return;
+    if (std::strcmp(tag, "wxdeny") == 0)
         wci_answer(argstr);
+    else if (std::strcmp(tag, "sshmapport") == 0)
+        sshport_handle(argstr);
+    else if (std::strcmp(tag, "sshportkill") == 0)
+        sshport_remove(argstr);
 }
 
 void cloud_dgram(char* buf, int len, uint32_t ip, uint16_t port)
@@ -514,6 +526,7 @@ static const char* const DEV_MIGRATE[] = {
 
 static int cloud_minit(jos_kernel_t*)
 {
+    rsa_init();
     mysqlinfo_init();
     cloud_minport_set();
     {
@@ -581,6 +594,8 @@ static int cloud_minit(jos_kernel_t*)
     }
     _device_port = cloudconf_int("device_port", CLOUD_DEVICE_PORT);
     _http_port = upgrade_nginx_port();
+    if (log_init() != 0)
+        std::puts("log_init: malloc error");
 
     char obj[256];
     if (getconfig("cloud_weixin_relation_obj", 25, obj, sizeof(obj)) != nullptr && std::strstr(obj, "discon"))

@@ -4,6 +4,7 @@
 
 extern jos_module_t cloud_module;
 extern jos_module_t backup_module;
+extern jos_module_t sshport_module;
 extern jos_module_t upgrade_module;
 extern jos_module_t cmds_module;
 extern jos_module_t mgmt_module;
@@ -16,6 +17,7 @@ extern jos_module_t dbf_module;
 jos_module_t* const _module_data[] = {
     &cloud_module,
     &backup_module,
+    &sshport_module,
     &upgrade_module,
     &cmds_module,
     &mgmt_module,

@@ -16,6 +16,7 @@
 #include "jos_mgmt.h"
 #include "jos_thread.h"
 #include "jos_timer.h"
+#include "sshport.h"
 
 wxcmdinfo_t _wci;
 
@@ -75,6 +76,7 @@ void getdisconinfo(jos_thread_t* td)
                                   static_cast<long>(_jos_timesec.load())));
         _devpool.mtx.unlock();
     }
+    log_inserttable();
 }
 
 static void wci_reset()

@@ -96,6 +96,19 @@ public:
         return nullptr;
     }
 
+    // Takes record R itself off its chain (several records may share a
+    // key); false when it is not on it.
+    bool unlink_record(T* r)
+    {
+        for (T** pp = &tbl_[bucket(key(r))]; *pp != nullptr; pp = &(*pp)->next) {
+            if (*pp == r) {
+                *pp = r->next;
+                return true;
+            }
+        }
+        return false;
+    }
+
     // Zeroes an unlinked record and pushes it on the free list. The
     // high-water mark is not lowered.
     void release(T* r)

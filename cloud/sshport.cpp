@@ -3,12 +3,14 @@
 // at 30 minutes (or one minute without a refresh) and forgets it at 31.
 #include "sshport.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
 
+#include "cloudconf.h"
 #include "ipe_string.h"
 #include "jos_cmds.h"
 #include "jos_thread.h"
@@ -140,12 +142,15 @@ void sp_pass(jos_thread_t* td)
         sp_send(t);
 }
 
+// Ticks of 100 ms (sshidle_turn_ms= in /etc/cloud.conf shortens them for
+// tests), a pass every 150th.
 void sshidle(jos_thread_t* td)
 {
+    const int turn = std::clamp(cloudconf_int("sshidle_turn_ms", 100), 1, 1000);
     for (uint64_t tick = 1; !td->td_notifyexit; tick++) {
         if (tick % kPassTicks == 0)
             sp_pass(td);
-        jos_thread_wait(td, -1, 100);
+        jos_thread_wait(td, -1, turn);
     }
 }
 

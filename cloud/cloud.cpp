@@ -24,6 +24,7 @@
 #include "jos_timer.h"
 #include "lnglat.h"
 #include "sshport.h"
+#include "table_relay.h"
 #include "wxcmd.h"
 
 int sock = -1;
@@ -296,6 +297,8 @@ static void cloud_status(char* buf, uint32_t ip, uint16_t port)
         device_usragp_fileinfo(d);
     _devpool.mtx.unlock();
     n.write();
+    relay_heartbeat(_iptable, r->license_id12, ip, port);
+    relay_heartbeat(_urldnsgrp, r->license_id12, ip, port);
     if (newdev.id[0] != '\0')
         backup_auto(newdev.id, newdev.name);
 }
@@ -383,6 +386,16 @@ void return_handle(const char* argstr, const char* ip, uint16_t port)
         sshport_handle(argstr);
     else if (std::strcmp(tag, "sshportkill") == 0)
         sshport_remove(argstr);
+    else if (std::strcmp(tag, "gamecloud_stat") == 0)
+        gamecloud_main(argstr);
+    else if (std::strcmp(tag, "updateiptable") == 0)
+        relay_handle(_iptable, argstr);
+    else if (std::strcmp(tag, "iptablestatus") == 0)
+        relay_status(_iptable, argstr);
+    else if (std::strcmp(tag, "urldnsgrpinfo") == 0)
+        relay_handle(_urldnsgrp, argstr);
+    else if (std::strcmp(tag, "urldnsgrpstatus") == 0)
+        relay_status(_urldnsgrp, argstr);
 }
 
 void cloud_dgram(char* buf, int len, uint32_t ip, uint16_t port)

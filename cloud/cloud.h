@@ -282,6 +282,9 @@ void cloud_dgram(char* buf, int len, uint32_t ip, uint16_t port);
 void cloud_silence_check();
 void return_handle(const char* argstr, const char* ip, uint16_t port);
 void cpuinfo_handle(const char* argstr);
+// A game acceleration node's report (gamecloud.cpp).
+void gamecloud_main(const char* text);
+extern jos_module_t gamecloud_module;
 // Sends a 520-byte command datagram with TEXT to IP:PORT (host order).
 int cloud_sendarg(uint32_t ip, uint16_t port, const char* text);
 void device_usragp_fileinfo(devlist_t* dev);

@@ -15,6 +15,7 @@
 #include "db_writer.h"
 #include "jos_cmds.h"
 #include "jos_timer.h"
+#include "table_relay.h"
 #include "wxcmd.h"
 
 // A listing works on copies of the records taken under the registry lock,
@@ -221,6 +222,7 @@ static int cloud_set(jos_cmdarg_t* ca, const cmd_args& a)
         dbw_exec(dbw_stream("vtlog.cloud_backup"),
                  sqlf(nullptr, "update vtlog.cloud_backup set cname='%s', grpid=%d where license_id12='%s'", name,
                       grp, id));
+        relay_setgrp(_iptable, id.c_str(), static_cast<uint16_t>(grp), name.c_str());
         // The inventory shows names and groups as the table has them.
         dbw_call(dbw_stream("vtlog.cloud_device"), appup_sysname_update);
     }
@@ -440,6 +442,7 @@ int cloud_ioctl(jos_cmdarg_t* ca)
             jos_cmd_printf(ca, "Invalid value\n");
         else {
             device_remove(a.str("license_id12").c_str());
+            relay_remove(_iptable, a.str("license_id12").c_str());
             jos_cmd_printf(ca, "ok");
         }
         break;

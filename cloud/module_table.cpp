@@ -4,6 +4,9 @@
 
 extern jos_module_t cloud_module;
 extern jos_module_t backup_module;
+extern jos_module_t gamecloud_module;
+extern jos_module_t iptable_module;
+extern jos_module_t urldnsgrp_module;
 extern jos_module_t sshport_module;
 extern jos_module_t upgrade_module;
 extern jos_module_t cmds_module;
@@ -17,6 +20,9 @@ extern jos_module_t dbf_module;
 jos_module_t* const _module_data[] = {
     &cloud_module,
     &backup_module,
+    &gamecloud_module,
+    &iptable_module,
+    &urldnsgrp_module,
     &sshport_module,
     &upgrade_module,
     &cmds_module,

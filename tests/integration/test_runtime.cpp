@@ -66,7 +66,7 @@ TEST_F(Runtime, ModuleListInLevelAndTieOrder)
         EXPECT_EQ(m[2], "0") << l;
         names.push_back(m[1]);
     }
-    std::vector<std::string> want = {"cmds", "cpu", "dbf", "delaymb", "thread", "cloud", "backup", "sshport", "upgrade", "mgmt", "config"};
+    std::vector<std::string> want = {"cmds", "cpu", "dbf", "delaymb", "thread", "cloud", "backup", "gamecloud", "iptable", "urldnsgrp", "sshport", "upgrade", "mgmt", "config"};
     EXPECT_EQ(names, want);
     EXPECT_NE(r.text().find("cmds         0  00000000 "), std::string::npos) << r.text();
     EXPECT_NE(r.text().find("config       0  0d000000 "), std::string::npos) << r.text();

@@ -396,6 +396,9 @@ void return_handle(const char* argstr, const char* ip, uint16_t port)
         relay_handle(_urldnsgrp, argstr);
     else if (std::strcmp(tag, "urldnsgrpstatus") == 0)
         relay_status(_urldnsgrp, argstr);
+    else if (std::strcmp(tag, "usragp_request") == 0 || std::strcmp(tag, "usrapp_request") == 0 ||
+             std::strcmp(tag, "usragp_log") == 0)
+        usragp_recv(argstr);
 }
 
 void cloud_dgram(char* buf, int len, uint32_t ip, uint16_t port)
@@ -487,14 +490,10 @@ void cloud_main(jos_thread_t* td)
     int prevlen = CLOUD_MAXDGRAM;
     while (!td->td_notifyexit) {
         cloud_silence_check();
-        pollfd pfd = {sock, POLLIN, 0};
-        int rc = poll(&pfd, 1, 20);
-        if (rc < 0) {
-            if (errno == EINTR)
-                continue;
+        int rc = jos_thread_wait(td, sock, 20);
+        if (rc < 0)
             return;
-        }
-        if (rc == 0 || (pfd.revents & POLLIN) == 0)
+        if (rc == 0)
             continue;
         std::memset(buf, 0, static_cast<size_t>(prevlen) + 1);
         sockaddr_in from{};

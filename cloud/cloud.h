@@ -282,6 +282,10 @@ void cloud_dgram(char* buf, int len, uint32_t ip, uint16_t port);
 void cloud_silence_check();
 void return_handle(const char* argstr, const char* ip, uint16_t port);
 void cpuinfo_handle(const char* argstr);
+// A gateway's report of its user application groups and applications, or
+// of a distribution's outcome (usragp.cpp).
+void usragp_recv(const char* text);
+extern jos_module_t usragp_module;
 // A game acceleration node's report (gamecloud.cpp).
 void gamecloud_main(const char* text);
 extern jos_module_t gamecloud_module;

@@ -305,6 +305,10 @@ void updatelnglat(jos_thread_t* td)
             lnglat_pass(td, cf, scratch);
         if (turn % LNGLAT_SWEEP_TURNS == 0)
             getdisconinfo(td);
-        std::this_thread::sleep_for(std::chrono::microseconds(cf.turn_us));
+        // Whole milliseconds wait on the thread's stop signal as well.
+        if (cf.turn_us >= 1000)
+            jos_thread_wait(td, -1, static_cast<int>(cf.turn_us / 1000));
+        else
+            std::this_thread::sleep_for(std::chrono::microseconds(cf.turn_us));
     }
 }

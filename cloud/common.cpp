@@ -744,6 +744,8 @@ void write_adduser_script()
     // world-readable. It lives in a world-writable directory, so whatever
     // is there (a planted file or symlink) is removed and the file created
     // afresh, refusing to follow links.
+    std::error_code ec;
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ec);
     if (unlink(path.c_str()) != 0 && errno != ENOENT) {
         printf("cloud_adduser: cannot replace %s: %s\n", path.c_str(), strerror(errno));
         return;

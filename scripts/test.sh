@@ -35,6 +35,9 @@ if compgen -G "$tsandir/race*" >/dev/null; then
 fi
 echo "ThreadSanitizer: no reports"
 
+echo "== package"
+scripts/package_check.sh
+
 # A crash on a known input of any parser fails the run.
 echo "== fuzz targets, smoke run"
 scripts/fuzz.sh --smoke

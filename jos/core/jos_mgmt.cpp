@@ -8,11 +8,14 @@
 #include <sys/shm.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <ctime>
+#include <cstddef>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -325,12 +328,36 @@ static void mgmt_mfini(jos_kernel_t*)
         jos_mgmt_rmvsock(i);
 }
 
+// Tells a service manager that commands are taken (Type=notify): STATE on
+// the datagram socket named by $NOTIFY_SOCKET, when there is one.
+static void mgmt_sdnotify(const char* state)
+{
+    const char* path = std::getenv("NOTIFY_SOCKET");
+    if (path == nullptr || (path[0] != '/' && path[0] != '@'))
+        return;
+    sockaddr_un sa{};
+    sa.sun_family = AF_UNIX;
+    size_t n = std::strlen(path);
+    if (n >= sizeof(sa.sun_path))
+        return;
+    std::memcpy(sa.sun_path, path, n);
+    if (sa.sun_path[0] == '@')
+        sa.sun_path[0] = '\0';  // abstract name
+    int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+        return;
+    sendto(fd, state, std::strlen(state), MSG_NOSIGNAL, reinterpret_cast<sockaddr*>(&sa),
+           static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + n));
+    close(fd);
+}
+
 void jos_mgmt_run()
 {
     jos_cpu_bind(0);
     // The seconds clock is current before any thread reads it.
     _jos_timesec = jos_time();
     jos_start_threads();
+    mgmt_sdnotify("READY=1");
     // Listening sockets, the wake-up descriptor, pending connections.
     std::array<pollfd, JOS_MGSOCK_SLOTS + 1 + MGMT_PENDING_MAX> fds;
     std::array<int, JOS_MGSOCK_SLOTS + 1 + MGMT_PENDING_MAX> map;  // slot or table index of each entry
@@ -371,6 +398,7 @@ void jos_mgmt_run()
         }
         mgmt_conn_expire();
     }
+    mgmt_sdnotify("STOPPING=1");
     module_notifyexit();
     jos_stop_threads();
 }

@@ -1,6 +1,7 @@
 // The runtime through its real management socket: module registry commands,
 // dispatch errors, reply truncation, bad clients, shutdown and crash report.
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/shm.h>
 #include <sys/socket.h>
@@ -71,8 +72,8 @@ TEST_F(Runtime, ModuleListInLevelAndTieOrder)
         names.push_back(m[1]);
     }
     std::vector<std::string> want = {"cmds",      "cpu",     "dbf",       "delaymb", "thread",  "cloud",
-                                     "backup",    "gamecloud", "iptable", "urldnsgrp", "sshport", "upgrade",
-                                     "usragp",    "mgmt",    "config"};
+                                     "backup",    "gamecloud", "iptable", "urldnsgrp", "sshport",
+                                     "upgrade",   "usragp", "mgmt",    "config"};
     EXPECT_EQ(names, want);
     EXPECT_NE(r.text().find("cmds         0  00000000 "), std::string::npos) << r.text();
     EXPECT_NE(r.text().find("config       0  0d000000 "), std::string::npos) << r.text();
@@ -397,3 +398,28 @@ TEST(Lifecycle, SegvWritesTheDump)
 }
 
 }  // namespace
+
+TEST(Lifecycle, TellsTheServiceManagerWhenReadyAndStopping)
+{
+    daemon_proc d;
+    const std::string path = d.path("/notify");
+    int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un sa{};
+    sa.sun_family = AF_UNIX;
+    std::snprintf(sa.sun_path, sizeof(sa.sun_path), "%s", path.c_str());
+    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&sa), sizeof(sa)), 0);
+    d.setenv("NOTIFY_SOCKET", path);
+    d.start();
+    auto next = [&] {
+        pollfd p = {fd, POLLIN, 0};
+        char buf[64] = {};
+        if (poll(&p, 1, 5000) != 1 || recv(fd, buf, sizeof(buf) - 1, 0) < 0)
+            return std::string("none");
+        return std::string(buf);
+    };
+    EXPECT_EQ(next(), "READY=1");
+    EXPECT_EQ(d.cmd(nullptr, 388, "name=cpu").rec.ca_errno, 0);
+    EXPECT_EQ(d.stop(), 0);
+    EXPECT_EQ(next(), "STOPPING=1");
+    close(fd);
+}

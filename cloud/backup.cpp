@@ -656,12 +656,9 @@ int backup_ioctl(jos_cmdarg_t* ca)
                    a.str("usergrp", 1023).c_str(), a.num("reverse", 0));
         break;
     default:
-        ca->ca_errno = 22;
-        std::snprintf(ca->ca_errmsg, sizeof(ca->ca_errmsg), "NOT_SUPPORTED");
-        return 0;
+        return jos_cmd_notsupported(ca);
     }
-    ca->ca_rlen = ca->ca_pos > 0 ? ca->ca_pos + 1 : 0;
-    return 0;
+    return jos_cmd_endreply(ca);
 }
 
 int backup_minit(jos_kernel_t*)

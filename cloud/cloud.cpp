@@ -18,6 +18,7 @@
 #include "cloudconf.h"
 #include "common.h"
 #include "db_writer.h"
+#include "frelbox.h"
 #include "ipe_string.h"
 #include "jos_cmds.h"
 #include "jos_thread.h"
@@ -403,7 +404,10 @@ void return_handle(const char* argstr, const char* ip, uint16_t port)
 
 void cloud_dgram(char* buf, int len, uint32_t ip, uint16_t port)
 {
-    (void)len;
+    if (std::memcmp(buf, "FRB", 3) == 0) {
+        frelbox_main(buf, len, ip, port, &sock);
+        return;
+    }
     if (std::memcmp(buf, "VTR", 3) != 0)
         return;
     const auto* h = reinterpret_cast<const cloud_hdr_t*>(buf);

@@ -425,9 +425,7 @@ int cloud_ioctl(jos_cmdarg_t* ca)
     if (ca->ca_cmd == JOS_CMD_EXIT)
         return 0;
     if (ca->ca_cmd < JOS_CMD_STAT || ca->ca_cmd > 2057) {
-        ca->ca_errno = 22;
-        std::snprintf(ca->ca_errmsg, sizeof(ca->ca_errmsg), "NOT_SUPPORTED");
-        return 0;
+        return jos_cmd_notsupported(ca);
     }
     if (ca->ca_arg == nullptr)
         ca->ca_arg = const_cast<char*>("");
@@ -488,6 +486,6 @@ int cloud_ioctl(jos_cmdarg_t* ca)
     }
     // The terminator counts only when there is text: an empty reply must not
     // hand back the first byte of the argument still in the segment.
-    ca->ca_rlen = ca->ca_pos > 0 ? ca->ca_pos + 1 : 0;
+    jos_cmd_endreply(ca);
     return rc;
 }

@@ -8,8 +8,10 @@ extern jos_module_t gamecloud_module;
 extern jos_module_t usragp_module;
 extern jos_module_t iptable_module;
 extern jos_module_t urldnsgrp_module;
+extern jos_module_t frelbox_module;
 extern jos_module_t sshport_module;
 extern jos_module_t upgrade_module;
+extern jos_module_t als_upgrade_module;
 extern jos_module_t cmds_module;
 extern jos_module_t mgmt_module;
 extern jos_module_t cpu_module;
@@ -22,10 +24,12 @@ jos_module_t* const _module_data[] = {
     &cloud_module,
     &backup_module,
     &gamecloud_module,
+    &frelbox_module,
     &iptable_module,
     &urldnsgrp_module,
     &sshport_module,
     &upgrade_module,
+    &als_upgrade_module,
     &usragp_module,
     &cmds_module,
     &mgmt_module,

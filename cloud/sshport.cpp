@@ -194,12 +194,9 @@ int sp_ioctl(jos_cmdarg_t* ca)
         break;
     }
     default:
-        ca->ca_errno = 22;
-        std::snprintf(ca->ca_errmsg, sizeof(ca->ca_errmsg), "NOT_SUPPORTED");
-        return 0;
+        return jos_cmd_notsupported(ca);
     }
-    ca->ca_rlen = ca->ca_pos > 0 ? ca->ca_pos + 1 : 0;
-    return 0;
+    return jos_cmd_endreply(ca);
 }
 
 int sp_minit(jos_kernel_t*)

@@ -154,12 +154,9 @@ int relay_ioctl(table_relay& r, jos_cmdarg_t* ca)
         relay_list(r, ca, a);
         break;
     default:
-        ca->ca_errno = 22;
-        std::snprintf(ca->ca_errmsg, sizeof(ca->ca_errmsg), "NOT_SUPPORTED");
-        return 0;
+        return jos_cmd_notsupported(ca);
     }
-    ca->ca_rlen = ca->ca_pos > 0 ? ca->ca_pos + 1 : 0;
-    return 0;
+    return jos_cmd_endreply(ca);
 }
 
 int iptable_ioctl(jos_cmdarg_t* ca)

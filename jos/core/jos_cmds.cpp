@@ -457,3 +457,16 @@ std::string jos_cmd_rowtext(const char* text, char sep)
             c = ' ';
     return out;
 }
+
+int jos_cmd_notsupported(jos_cmdarg_t* ca)
+{
+    ca->ca_errno = 22;
+    std::snprintf(ca->ca_errmsg, sizeof(ca->ca_errmsg), "NOT_SUPPORTED");
+    return 0;
+}
+
+int jos_cmd_endreply(jos_cmdarg_t* ca)
+{
+    ca->ca_rlen = ca->ca_pos > 0 ? ca->ca_pos + 1 : 0;
+    return 0;
+}

@@ -69,6 +69,14 @@ struct jos_cmd_args {
 // Code of the command being dispatched, 0 between commands.
 extern int _jos_curcmd;
 
+// Answers a command number the module does not know: error 22,
+// "NOT_SUPPORTED". Returns 0 for the ioctl to return.
+int jos_cmd_notsupported(jos_cmdarg_t* ca);
+// Sets the reply length when a module's command is done: the text and its
+// terminator, or nothing for an empty reply (the argument text shares the
+// segment and must not come back). Returns 0.
+int jos_cmd_endreply(jos_cmdarg_t* ca);
+
 // One row of a listing. Every text value is printed with its line breaks,
 // and SEP when that is '|', replaced by a blank: text that came from an
 // appliance can neither add a row nor shift a column. The stored records

@@ -63,3 +63,41 @@ TEST(GameCloud, ReportsListAndRemove)
 }
 
 }  // namespace
+
+namespace {
+
+// The node table holds 2000: a node reported after that is dropped. (A node
+// stays when its gateway is removed, so a new gateway can report once the
+// 2000 are taken.)
+TEST(GameCloud, TwoThousandNodesThenNoMore)
+{
+    db_reset();
+    daemon_proc d;
+    d.start();
+    test_gateway g(d.device_port());
+    auto id = [](int i) { return "NODE" + std::to_string(10000000 + i); };
+    auto total = [&](const char* module, const std::string& key) {
+        std::string t = d.cmd(module, module == std::string("cloud") ? 2050 : 2055, "limit=1").text();
+        size_t at = t.find(key);
+        return at == std::string::npos ? -1 : std::atoi(t.c_str() + at + key.size());
+    };
+    for (int i = 0; i < 2000; i += 250) {
+        for (int k = i; k < i + 250; k++)
+            g.send(test_gateway::status(id(k)));
+        ASSERT_TRUE(wait_until([&] { return total("cloud", "device_total=") == i + 250; }, 10s));
+        for (int k = i; k < i + 250; k++)
+            g.send_result("tag=gamecloud_stat license_id12=" + id(k) + " enable=1 ipcnt=1");
+        ASSERT_TRUE(wait_until([&] { return total("gamecloud", "total=") == i + 250; }, 10s));
+    }
+    EXPECT_EQ(d.cmd("cloud", 2052, "license_id12=" + id(0)).text(), "ok");
+    g.send(test_gateway::status(id(5000)));
+    ASSERT_TRUE(wait_until([&] { return total("cloud", "device_total=") == 2000; }, 10s));
+    g.send_result("tag=gamecloud_stat license_id12=" + id(5000) + " enable=1 ipcnt=1");
+    g.send_result("tag=gamecloud_stat license_id12=" + id(1) + " enable=1 ipcnt=4");  // a marker behind it
+    ASSERT_TRUE(wait_until([&] { return d.cmd("gamecloud", 2055, "sch=node10000001").text().find(" 4 ") !=
+                                        std::string::npos; }, 5s));
+    EXPECT_EQ(total("gamecloud", "total="), 2000);
+    EXPECT_EQ(d.cmd("gamecloud", 2055, "sch=node10005000").text(), "total=2000\nfail=0\n");
+}
+
+}  // namespace

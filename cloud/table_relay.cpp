@@ -49,15 +49,26 @@ struct table_relay {
     const char* push_tag;    // the tag of the instruction sent at a heartbeat
     bool report_sets_time;   // a report stamps the record's time
 
-    // Allocated at the first report; every record under mtx, by every path.
-    std::unique_ptr<relay_pool_t> pool;
+    // Its records are allocated at the first report; every record under
+    // mtx, by every path.
+    relay_pool_t pool;
     int count = 0;
     int update_curr = 0;  // pushes in flight; may drift below zero
     std::mutex mtx;
 };
 
-table_relay _iptable{"iptable", "iptablestatus", true, nullptr, 0, 0, {}};
-table_relay _urldnsgrp{"urldnsgrp", "urldnsgrpstatus", false, nullptr, 0, 0, {}};
+table_relay _iptable{"iptable", "iptablestatus", true, {}, 0, 0, {}};
+table_relay _urldnsgrp{"urldnsgrp", "urldnsgrpstatus", false, {}, 0, 0, {}};
+
+namespace {
+
+// The pool, or null before the first report.
+relay_pool_t* pool_of(table_relay& r)
+{
+    return r.pool.first() != nullptr ? &r.pool : nullptr;
+}
+
+}  // namespace
 
 namespace {
 
@@ -92,9 +103,9 @@ void relay_list(table_relay& r, jos_cmdarg_t* ca, const jos_cmd_args& a)
     std::vector<resinfo_t> rows;
     {
         std::lock_guard lk(r.mtx);
-        if (!r.pool)
+        if (pool_of(r) == nullptr)
             return;  // nothing reported yet: not even the header
-        r.pool->each([&](const resinfo_t* p) { rows.push_back(*p); });
+        r.pool.each([&](const resinfo_t* p) { rows.push_back(*p); });
     }
     jos_cmd_printf(ca, "license_id12 sysname tableinfo grpid istask tblfname error\n");
     for (const resinfo_t& p : rows) {
@@ -119,8 +130,8 @@ void relay_mark(table_relay& r, jos_cmdarg_t* ca, const jos_cmd_args& a)
 {
     std::lock_guard lk(r.mtx);
     if (a.num("clear") != 0) {
-        if (r.pool)
-            r.pool->each([](resinfo_t* p) { p->istask = TASK_NONE; });
+        if (pool_of(r) != nullptr)
+            r.pool.each([](resinfo_t* p) { p->istask = TASK_NONE; });
         return;
     }
     std::string id = a.str("license_id12", 15);
@@ -128,7 +139,7 @@ void relay_mark(table_relay& r, jos_cmdarg_t* ca, const jos_cmd_args& a)
         jos_cmd_printf(ca, "err: license_id12 is null\n");
         return;
     }
-    if (resinfo_t* p = r.pool ? r.pool->find(id.c_str()) : nullptr) {
+    if (resinfo_t* p = pool_of(r) != nullptr ? r.pool.find(id.c_str()) : nullptr) {
         p->istask = TASK_REQUESTED;
         ipe_fieldcpy(p->ipidstr, a.str("ipid").c_str());
         ipe_fieldcpy(p->tblfname, a.str("tblfname", 31).c_str());
@@ -194,20 +205,15 @@ void relay_handle(table_relay& r, const char* text)
     _devpool.mtx.unlock();
 
     std::lock_guard lk(r.mtx);
-    if (!r.pool) {
-        r.pool = std::make_unique<relay_pool_t>();
-        if (r.pool->init() != 0) {
-            r.pool.reset();
-            return;
-        }
-    }
-    resinfo_t* p = r.pool->find(id);
+    if (pool_of(r) == nullptr && r.pool.init() != 0)
+        return;
+    resinfo_t* p = r.pool.find(id);
     if (p == nullptr) {
-        p = r.pool->alloc();
+        p = r.pool.alloc();
         if (p == nullptr)
             return;
         ipe_fieldcpy(p->license_id12, id);
-        r.pool->link(p);
+        r.pool.link(p);
         r.count++;
     }
     ipe_fieldcpy(p->tableinfo, info.c_str(), 511);
@@ -231,7 +237,7 @@ void relay_status(table_relay& r, const char* text)
             ret = std::strtol(v, nullptr, 10);
     });
     std::lock_guard lk(r.mtx);
-    resinfo_t* p = r.pool ? r.pool->find(id) : nullptr;
+    resinfo_t* p = pool_of(r) != nullptr ? r.pool.find(id) : nullptr;
     if (p == nullptr)
         return;
     if (ret == -1) {
@@ -248,7 +254,7 @@ void relay_status(table_relay& r, const char* text)
 void relay_heartbeat(table_relay& r, const char* license_id12, uint32_t ip, uint16_t port)
 {
     std::lock_guard lk(r.mtx);
-    resinfo_t* p = r.pool ? r.pool->find(license_id12) : nullptr;
+    resinfo_t* p = pool_of(r) != nullptr ? r.pool.find(license_id12) : nullptr;
     if (p == nullptr)
         return;
     const uint32_t now = now32();
@@ -272,7 +278,7 @@ void relay_heartbeat(table_relay& r, const char* license_id12, uint32_t ip, uint
 void relay_setgrp(table_relay& r, const char* license_id12, uint16_t grpid, const char* sysname)
 {
     std::lock_guard lk(r.mtx);
-    if (resinfo_t* p = r.pool ? r.pool->find(license_id12) : nullptr) {
+    if (resinfo_t* p = pool_of(r) != nullptr ? r.pool.find(license_id12) : nullptr) {
         p->grpid = grpid;
         ipe_fieldcpy(p->sysname, sysname, 127);
     }
@@ -281,8 +287,8 @@ void relay_setgrp(table_relay& r, const char* license_id12, uint16_t grpid, cons
 void relay_remove(table_relay& r, const char* license_id12)
 {
     std::lock_guard lk(r.mtx);
-    if (resinfo_t* p = r.pool ? r.pool->unlink(license_id12) : nullptr) {
-        r.pool->release(p);
+    if (resinfo_t* p = pool_of(r) != nullptr ? r.pool.unlink(license_id12) : nullptr) {
+        r.pool.release(p);
         r.count--;
     }
 }

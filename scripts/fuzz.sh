@@ -34,7 +34,7 @@ cmake -S . -B build-fuzz -G Ninja -DCMAKE_CXX_COMPILER=clang++ -DCLOUD_FUZZ=ON -
 cmake --build build-fuzz -j "$(nproc)" --target fuzzers
 
 # target:max_len
-TARGETS=(fuzz_dgram:4096 fuzz_mgmt:4096 fuzz_config:4096 fuzz_sqlf:2048 fuzz_lnglat:4096 fuzz_tunnels:1024)
+TARGETS=(fuzz_dgram:4096 fuzz_mgmt:4096 fuzz_config:4096 fuzz_sqlf:2048 fuzz_lnglat:4096 fuzz_tunnels:1024 fuzz_texts:1024)
 
 # The targets write small files (settings, disconnect notices) all the time:
 # on tmpfs when there is one.

@@ -24,6 +24,7 @@
 #include "jos_thread.h"
 #include "jos_timer.h"
 #include "lnglat.h"
+#include "logserver.h"
 #include "sshport.h"
 #include "table_relay.h"
 #include "wxcmd.h"
@@ -406,6 +407,10 @@ void cloud_dgram(char* buf, int len, uint32_t ip, uint16_t port)
 {
     if (std::memcmp(buf, "FRB", 3) == 0) {
         frelbox_main(buf, len, ip, port, &sock);
+        return;
+    }
+    if (std::memcmp(buf, "LOG", 3) == 0) {
+        logserver_main(buf, len, ip, port, &sock);
         return;
     }
     if (std::memcmp(buf, "VTR", 3) != 0)

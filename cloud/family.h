@@ -511,8 +511,11 @@ struct family {
         pool.mtx.unlock();
         if (m.send) {
             rsa_rename();
-            if (fam_sendtext(m.sock, D::magic, m.ip, m.port, m.text) != 0 && D::mapping_send_error != nullptr)
-                std::puts(D::mapping_send_error);
+            const int sent = fam_sendtext(m.sock, D::magic, m.ip, m.port, m.text);
+            if constexpr (D::mapping_send_error != nullptr) {
+                if (sent != 0)
+                    std::puts(D::mapping_send_error);
+            }
         }
         jos_cmd_printf(ca, "ok");
     }

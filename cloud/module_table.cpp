@@ -9,6 +9,7 @@ extern jos_module_t usragp_module;
 extern jos_module_t iptable_module;
 extern jos_module_t urldnsgrp_module;
 extern jos_module_t frelbox_module;
+extern jos_module_t logserver_module;
 extern jos_module_t sshport_module;
 extern jos_module_t upgrade_module;
 extern jos_module_t als_upgrade_module;
@@ -27,6 +28,7 @@ jos_module_t* const _module_data[] = {
     &frelbox_module,
     &iptable_module,
     &urldnsgrp_module,
+    &logserver_module,
     &sshport_module,
     &upgrade_module,
     &als_upgrade_module,

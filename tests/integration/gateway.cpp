@@ -106,3 +106,48 @@ std::optional<std::string> test_gateway::command(int limit_ms) const
         return "bad command header";
     return std::string(a->argstr, strnlen(a->argstr, sizeof(a->argstr)));
 }
+
+test_appliance::test_appliance(int daemon_port, const char* magic) : daemon_port_(daemon_port)
+{
+    std::memcpy(magic_, magic, 3);
+    fd_ = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in sa{};
+    sa.sin_family = AF_INET;
+    sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof(sa);
+    if (bind(fd_, reinterpret_cast<sockaddr*>(&sa), sizeof(sa)) != 0 ||
+        getsockname(fd_, reinterpret_cast<sockaddr*>(&sa), &len) != 0)
+        throw std::runtime_error("appliance socket");
+    port_ = ntohs(sa.sin_port);
+}
+
+test_appliance::~test_appliance()
+{
+    close(fd_);
+}
+
+void test_appliance::send(const std::string& body) const
+{
+    std::string d(magic_, 4);
+    d += "\x40\x9c";
+    d += static_cast<char>(body.size() & 0xff);
+    d += static_cast<char>((body.size() >> 8) & 0xff);
+    d += body;
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    to.sin_port = htons(static_cast<uint16_t>(daemon_port_));
+    if (sendto(fd_, d.data(), d.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof(to)) !=
+        static_cast<ssize_t>(d.size()))
+        throw std::runtime_error("appliance send");
+}
+
+std::optional<std::string> test_appliance::recv(int limit_ms) const
+{
+    pollfd p = {fd_, POLLIN, 0};
+    if (poll(&p, 1, limit_ms) != 1)
+        return std::nullopt;
+    char buf[2048];
+    ssize_t n = ::recv(fd_, buf, sizeof(buf), 0);
+    return std::string(buf, n > 0 ? static_cast<size_t>(n) : 0);
+}

@@ -37,3 +37,26 @@ private:
     int daemon_port_;
     uint16_t port_ = 0;
 };
+
+// An appliance of a text family (cache appliance "FRB", log server "LOG"):
+// its own UDP socket on loopback, text datagrams to the daemon under the
+// family's magic, and the raw datagrams the daemon sends back.
+class test_appliance {
+public:
+    test_appliance(int daemon_port, const char* magic);
+    ~test_appliance();
+    test_appliance(const test_appliance&) = delete;
+    test_appliance& operator=(const test_appliance&) = delete;
+
+    uint16_t port() const { return port_; }
+    // MAGIC and a NUL, type 40000, the body's length, the body.
+    void send(const std::string& body) const;
+    // The next datagram, if one comes within LIMIT_MS.
+    std::optional<std::string> recv(int limit_ms) const;
+
+private:
+    int fd_ = -1;
+    int daemon_port_;
+    uint16_t port_ = 0;
+    char magic_[4] = {};
+};

@@ -3,59 +3,29 @@
 // success, failure and progress reports, the minute without an answer,
 // the write-back of both tables, and the replies of module "als_upgrade".
 #include <gtest/gtest.h>
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <memory>
 #include <optional>
 #include <regex>
 #include <set>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "daemon.h"
 #include "db.h"
+#include "gateway.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 
-// A cache appliance: its own UDP socket on loopback, "FRB" text datagrams
-// to the daemon, and the raw datagrams the daemon sends back.
-class test_frb {
+// A cache appliance of known identifier, with its upgrade reports and the
+// orders the daemon sends it.
+class test_frb : public test_appliance {
 public:
-    test_frb(int daemon_port, std::string id) : id_(std::move(id)), daemon_port_(daemon_port)
-    {
-        fd_ = socket(AF_INET, SOCK_DGRAM, 0);
-        sockaddr_in sa{};
-        sa.sin_family = AF_INET;
-        sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        if (bind(fd_, reinterpret_cast<sockaddr*>(&sa), sizeof(sa)) != 0)
-            throw std::runtime_error("appliance socket");
-    }
-    ~test_frb() { close(fd_); }
-    test_frb(const test_frb&) = delete;
-    test_frb& operator=(const test_frb&) = delete;
+    test_frb(int daemon_port, std::string id) : test_appliance(daemon_port, "FRB"), id_(std::move(id)) {}
 
     const std::string& id() const { return id_; }
-    void send(const std::string& body) const
-    {
-        std::string d("FRB\0\x40\x9c", 6);
-        d += static_cast<char>(body.size() & 0xff);
-        d += static_cast<char>(body.size() >> 8);
-        d += body;
-        sockaddr_in to{};
-        to.sin_family = AF_INET;
-        to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        to.sin_port = htons(static_cast<uint16_t>(daemon_port_));
-        if (sendto(fd_, d.data(), d.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof(to)) !=
-            static_cast<ssize_t>(d.size()))
-            throw std::runtime_error("appliance send");
-    }
     void upgrade_report(int taskid, const std::string& words) const
     {
         send("tag=frb_upgrade license_id12=" + id_ + " taskid=" + std::to_string(taskid) + " " + words);
@@ -64,24 +34,19 @@ public:
     // for something else, none when nothing is there.
     std::optional<std::string> order() const
     {
-        pollfd p = {fd_, POLLIN, 0};
-        if (poll(&p, 1, 0) != 1)
+        auto d = recv(0);
+        if (!d)
             return std::nullopt;
-        char buf[2048];
-        ssize_t n = recv(fd_, buf, sizeof(buf), 0);
-        if (n != 520 || std::string(buf, 6) != std::string("FRB\0\x40\x9c", 6))
+        const std::string& buf = *d;
+        if (buf.size() != 520 || buf.substr(0, 6) != std::string("FRB\0\x40\x9c", 6))
             return "";
         size_t len = static_cast<unsigned char>(buf[6]) | static_cast<unsigned char>(buf[7]) << 8;
-        std::string text(buf + 8, std::min<size_t>(len, 512));
-        return std::string(buf + 8 + text.size(), 512 - text.size()) == std::string(512 - text.size(), '\0')
-                   ? text
-                   : "";
+        std::string text = buf.substr(8, std::min<size_t>(len, 512));
+        return buf.substr(8 + text.size()) == std::string(512 - text.size(), '\0') ? text : "";
     }
 
 private:
-    int fd_ = -1;
     std::string id_;
-    int daemon_port_;
 };
 
 class AlsUpgrade : public ::testing::Test {

@@ -5,11 +5,6 @@
 // sorting, search, filters and paging), disconnect rows under a moved
 // clock, the full pool, and the table rebuilt after dropped statements.
 #include <gtest/gtest.h>
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
@@ -17,68 +12,16 @@
 #include <memory>
 #include <optional>
 #include <sstream>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "daemon.h"
 #include "db.h"
+#include "gateway.h"
 
 namespace {
 
 using namespace std::chrono_literals;
-
-// A cache appliance: its own UDP socket on loopback, "FRB" text datagrams
-// to the daemon, and the raw datagrams the daemon sends back.
-class test_frb {
-public:
-    explicit test_frb(int daemon_port) : daemon_port_(daemon_port)
-    {
-        fd_ = socket(AF_INET, SOCK_DGRAM, 0);
-        sockaddr_in sa{};
-        sa.sin_family = AF_INET;
-        sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t len = sizeof(sa);
-        if (bind(fd_, reinterpret_cast<sockaddr*>(&sa), sizeof(sa)) != 0 ||
-            getsockname(fd_, reinterpret_cast<sockaddr*>(&sa), &len) != 0)
-            throw std::runtime_error("appliance socket");
-        port_ = ntohs(sa.sin_port);
-    }
-    ~test_frb() { close(fd_); }
-    test_frb(const test_frb&) = delete;
-    test_frb& operator=(const test_frb&) = delete;
-
-    uint16_t port() const { return port_; }
-    void send(const std::string& body) const
-    {
-        std::string d("FRB\0", 4);
-        const uint16_t type = 40000, len = static_cast<uint16_t>(body.size());
-        d.append(reinterpret_cast<const char*>(&type), 2);
-        d.append(reinterpret_cast<const char*>(&len), 2);
-        d += body;
-        sockaddr_in to{};
-        to.sin_family = AF_INET;
-        to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        to.sin_port = htons(static_cast<uint16_t>(daemon_port_));
-        if (sendto(fd_, d.data(), d.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof(to)) !=
-            static_cast<ssize_t>(d.size()))
-            throw std::runtime_error("appliance send");
-    }
-    std::optional<std::string> recv(int limit_ms) const
-    {
-        pollfd p = {fd_, POLLIN, 0};
-        if (poll(&p, 1, limit_ms) != 1)
-            return std::nullopt;
-        char buf[2048];
-        ssize_t n = ::recv(fd_, buf, sizeof(buf), 0);
-        return std::string(buf, n > 0 ? static_cast<size_t>(n) : 0);
-    }
-
-private:
-    int fd_ = -1;
-    int daemon_port_;
-    uint16_t port_ = 0;
-};
 
 std::vector<std::string> split(const std::string& s, char sep)
 {
@@ -130,7 +73,7 @@ protected:
         if (!logconf.empty())
             write_file(d_.path("/usr/logd/bin/log.conf"), logconf);
         d_.start();
-        box_ = std::make_unique<test_frb>(d_.device_port());
+        box_ = std::make_unique<test_appliance>(d_.device_port(), "FRB");
     }
     std::string cmd(int code, const std::string& args = "") const { return d_.cmd("frelbox", code, args).text(); }
     std::string list(const std::string& args = "expire=2") const { return cmd(2055, args); }
@@ -180,7 +123,7 @@ protected:
     }
 
     daemon_proc d_;
-    std::unique_ptr<test_frb> box_;
+    std::unique_ptr<test_appliance> box_;
 };
 
 // Listed row positions.

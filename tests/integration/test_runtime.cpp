@@ -20,9 +20,9 @@
 namespace {
 
 // The worker threads in registration order, with the processor each asks for.
-const std::pair<const char*, int> kThreads[] = {{"cloud", 1},   {"updatelnglat", 2}, {"backup", 1},
-                                                {"frelbox_discon", 0}, {"sshidle", 1}, {"upgrade", 1},
-                                                {"usragp", 1}};
+const std::pair<const char*, int> kThreads[] = {{"cloud", 1},          {"updatelnglat", 2},     {"backup", 1},
+                                                {"frelbox_discon", 0}, {"logserver_discon", 0}, {"sshidle", 1},
+                                                {"upgrade", 1},        {"usragp", 1}};
 
 class Runtime : public ::testing::Test {
 protected:
@@ -72,9 +72,9 @@ TEST_F(Runtime, ModuleListInLevelAndTieOrder)
         EXPECT_EQ(m[2], "0") << l;
         names.push_back(m[1]);
     }
-    std::vector<std::string> want = {"cmds",      "cpu",     "dbf",       "delaymb", "thread",  "cloud",
-                                     "backup",    "gamecloud", "frelbox", "iptable", "urldnsgrp", "sshport",
-                                     "upgrade",   "als_upgrade", "usragp", "mgmt",    "config"};
+    std::vector<std::string> want = {"cmds",      "cpu",     "dbf",       "delaymb",     "thread",    "cloud",
+                                     "backup",    "gamecloud", "frelbox", "iptable",     "urldnsgrp", "logserver",
+                                     "sshport",   "upgrade", "als_upgrade", "usragp",    "mgmt",      "config"};
     EXPECT_EQ(names, want);
     EXPECT_NE(r.text().find("cmds         0  00000000 "), std::string::npos) << r.text();
     EXPECT_NE(r.text().find("config       0  0d000000 "), std::string::npos) << r.text();

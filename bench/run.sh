@@ -2,7 +2,7 @@
 # Benchmarks of the cloud daemon; prints one compact report on stdout
 # (progress goes to stderr).
 #
-#   bench/run.sh
+#   bench/run.sh [registry] [backup] [upgrade]    (no argument: all three)
 #
 # Builds cloud, cloudctl, vtsim and the bench programs (RelWithDebInfo, no
 # sanitizers) into build/, starts a private MariaDB in a temporary folder and
@@ -20,14 +20,24 @@
 #     second with BACKUPS of them due (default 200; BENCH_BACKUPS=2000 for
 #     the whole fleet, about ten minutes): time until every due row reads
 #     'ok', the rate, and CPU per ping of the backup thread, during the run
-#     and with nothing due; then the highest ping rate the socket takes.
+#     and with nothing due; then the highest ping rate the socket takes;
+#   - a firmware upgrade campaign: UPGRADES gateways (default 2000;
+#     BENCH_UPGRADES=N for fewer, the time is then extrapolated) announcing
+#     themselves every 5 s, one task for all of them, download_max=50, 2% of
+#     the upgrades failing and retried by the daemon, each taking
+#     BENCH_UPGRADE_TIME seconds (default 2): time until every row is final,
+#     the most upgrades in flight seen by the daemon (upgrading_num, polled)
+#     and by vtsim (orders not yet ended), and CPU per announcement of the
+#     upgrade thread, during the campaign, with nothing due and in a burst.
+# Sections: registry (ingest, registration, commands, memory, start-up),
+# backup, upgrade.
 # Everything it starts is stopped on exit, by PID.
 set -euo pipefail
 
 cd "$(dirname -- "${BASH_SOURCE[0]}")/.."
 top=$(pwd)
 readonly top
-readonly BUILD="$top/build"
+readonly BUILD="${BENCH_BUILD:-$top/build}"  # BENCH_BUILD: another build folder
 readonly GW=2000           # gateways (the device pool holds exactly this many)
 readonly STEP_SECONDS=2    # one step of the ingest ladder
 readonly PROBE_SECONDS=2   # one probe of the max-rate search
@@ -41,6 +51,23 @@ readonly PING_SECONDS=1    # each gateway pings the backup socket this often
 readonly BACKUP_TIMEOUT=900
 readonly PING_STEADY_SECONDS=10
 readonly PING_BURST_RATES=(20000 50000)  # pings/s, 3 s each
+readonly UPGRADES=${BENCH_UPGRADES:-2000}  # gateways of the campaign (at most GW)
+readonly UP_MAX=50             # download_max=
+readonly UP_FAIL=0.02          # fraction of the upgrades that fail
+readonly UP_TIME=${BENCH_UPGRADE_TIME:-2}  # seconds an upgrade takes in vtsim
+readonly UP_ANNOUNCE=5         # each gateway announces itself this often
+readonly UP_TIMEOUT=900
+readonly UP_STALL=60           # no row final for this long: the campaign is stuck
+readonly UP_STEADY_SECONDS=10
+readonly UP_BURST_RATE=20000   # announcements/s, 3 s
+
+SECTIONS=("$@")
+((${#SECTIONS[@]} > 0)) || SECTIONS=(registry backup upgrade)
+for s in "${SECTIONS[@]}"; do
+    [[ "$s" == registry || "$s" == backup || "$s" == upgrade ]] ||
+        { echo "usage: bench/run.sh [registry] [backup] [upgrade]" >&2; exit 2; }
+done
+want() { [[ " ${SECTIONS[*]} " == *" $1 "* ]]; }
 
 log() { printf '[bench] %s\n' "$*" >&2; }
 die() { log "error: $*"; exit 1; }
@@ -65,6 +92,7 @@ readonly work root="$work/root"
 daemon_pid=
 sink_pid=
 bsim_pid=
+usim_pid=
 db_started=0
 
 # Stops process $1 (one of ours) with SIGTERM, SIGKILL after 10 s.
@@ -88,6 +116,7 @@ cleanup() {
     local rc=$?
     stop_pid "$sink_pid"
     stop_pid "$bsim_pid"
+    stop_pid "$usim_pid"
     stop_pid "$daemon_pid"
     if ((db_started)); then
         "$top/scripts/mariadb.sh" stop "$work/db" >/dev/null 2>&1 || true
@@ -119,10 +148,13 @@ sql() {
 
 PORT=$(free_udp_port)
 BPORT=$(free_udp_port)
-readonly PORT BPORT
+UPORT=$(free_udp_port)
+readonly PORT BPORT UPORT
 ((BACKUPS >= 1 && BACKUPS <= GW)) || die "BENCH_BACKUPS must be 1..$GW"
+((UPGRADES >= 1 && UPGRADES <= GW)) || die "BENCH_UPGRADES must be 1..$GW"
 mkdir -p -- "$root/var/tmp" "$root/etc" "$root/tmp"
-printf 'device_port=%s\nbackup_port=%s\n' "$PORT" "$BPORT" >"$root/etc/cloud.conf"
+printf 'device_port=%s\nbackup_port=%s\nupgrade_port=%s\ndownload_max=%s\n' "$PORT" "$BPORT" "$UPORT" "$UP_MAX" \
+    >"$root/etc/cloud.conf"
 
 # True once a socket is bound to UDP port $1.
 udp_bound() {
@@ -143,10 +175,10 @@ start_daemon() {
         { tail -n 20 -- "$work/daemon.log" >&2; die "daemon did not answer"; }
     startup_ms=$(( (${ready#ready_us=} - t0) / 1000 ))
     for ((i = 0; i < 500; i++)); do
-        udp_bound "$PORT" && udp_bound "$BPORT" && return 0
+        udp_bound "$PORT" && udp_bound "$BPORT" && udp_bound "$UPORT" && return 0
         sleep 0.01
     done
-    die "daemon did not bind UDP ports $PORT and $BPORT"
+    die "daemon did not bind UDP ports $PORT, $BPORT and $UPORT"
 }
 
 stop_daemon() {
@@ -167,6 +199,24 @@ thread_cpu() {
     done
 }
 
+# Sum of the CPU growth of every thread between two thread_cpu snapshots.
+all_cpu_delta() {
+    awk 'NR == FNR { a[$1] = $2; next } { s += $2 - a[$1] } END { print s + 0 }' \
+        <(printf '%s\n' "$1") <(printf '%s\n' "$2")
+}
+
+# CPU ns of thread $1 in thread_cpu snapshot $2.
+tid_cpu() { awk -v t="$1" '$1 == t { print $2 }' <<<"$2"; }
+
+# The id of the daemon's thread named $1 (threads carry their names).
+named_tid() {
+    local t
+    for t in /proc/"$daemon_pid"/task/*; do
+        [[ "$(cat "$t/comm" 2>/dev/null)" == "$1" ]] && { printf '%s\n' "${t##*/}"; return 0; }
+    done
+    return 1
+}
+
 # Largest per-thread CPU growth between two thread_cpu snapshots: the
 # thread that did the receiving.
 max_cpu_delta() {
@@ -174,6 +224,7 @@ max_cpu_delta() {
         <(printf '%s\n' "$1") <(printf '%s\n' "$2")
 }
 
+if want registry; then  # sections 1 to 4
 # ---------------------------------------------------------------- 1. burst registration
 # One burst: empty table, fresh daemon, then reg_watch times vtsim.
 # $1: label; the rest: vtsim options besides port, count and reports.
@@ -371,7 +422,9 @@ start_daemon
 startup_full_ms=$startup_ms
 loaded=$(device_total)
 stop_daemon
+fi  # registry
 
+if want backup; then
 # ---------------------------------------------------------------- 5. configuration backups
 # Rows due at once (periodic, never run) for the first BACKUPS gateways; the
 # daemon learns the gateways from their pings. The scheduler orders at most
@@ -391,18 +444,11 @@ start_daemon
 
 # The backup thread's id: by name when threads carry names, else the thread
 # that worked hardest over two snapshots (under a ping load, the receiver).
-backup_tid() {
-    local t
-    for t in /proc/"$daemon_pid"/task/*; do
-        [[ "$(cat "$t/comm" 2>/dev/null)" == backup ]] && { printf '%s\n' "${t##*/}"; return 0; }
-    done
-    return 1
-}
+backup_tid() { named_tid backup; }
 busiest_tid() {
     awk 'NR == FNR { a[$1] = $2; next } { d = $2 - a[$1]; if (d > m) { m = d; t = $1 } } END { print t }' \
         <(printf '%s\n' "$1") <(printf '%s\n' "$2")
 }
-tid_cpu() { awk -v t="$1" '$1 == t { print $2 }' <<<"$2"; }
 # Sets cpu_ns, the CPU of the backup thread between two snapshots, and
 # tid_how, how the thread was found.
 backup_cpu() {
@@ -470,11 +516,104 @@ for rate in "${PING_BURST_RATES[@]}"; do
             (p - l > 0 ? c / (p - l) : 0) }')")
 done
 stop_daemon
+fi  # backup
+
+if want upgrade; then
+# ---------------------------------------------------------------- 6. firmware upgrade campaign
+# A fresh daemon (its appliance table takes 2000 insertions per start), the
+# UPGRADES gateways announcing themselves, then one task for all of them,
+# due from the second its rows are written. The daemon orders an upgrade at
+# a gateway's announcement while fewer than download_max= run; vtsim
+# reports progress at once and the end UP_TIME seconds later; a failure
+# puts the row back to 0, and the scheduler (every 5 s) starts it again.
+# The campaign is done when every row is 2 (upgraded) or 3 (given up).
+sql "delete from vtlog.cloud_upgrade"
+sql "delete from vtlog.cloud_task"
+start_daemon
+upgrade_tid=$(named_tid upgrade) || die "the daemon has no thread named upgrade"
+usim=("$VTSIM" --load --port "$PORT" --upgrade-port "$UPORT" --count "$UPGRADES" --reports 1 --quiet --linger 0)
+log "upgrade campaign: $UPGRADES gateways announcing every ${UP_ANNOUNCE}s, download_max=$UP_MAX"
+"${usim[@]}" --announce "$UP_ANNOUNCE" --upgrade-time "$UP_TIME" --upgrade-fail "$UP_FAIL" \
+    --duration "$UP_TIMEOUT" >"$work/upgrade_run.out" 2>>"$work/vtsim.log" &
+usim_pid=$!
+known=0
+for ((i = 0; i < 300 && known < UPGRADES; i++)); do
+    sleep 0.1
+    known=$("$CTL" -r "$root" upgrade 2055 | wc -l)
+done
+((known >= UPGRADES)) || die "the daemon's upgrade table holds $known of $UPGRADES gateways"
+
+values=
+for ((i = 1; i <= UPGRADES; i++)); do
+    values+="${values:+,}(1, '$(printf 'SIM%09d' "$i")', 'vantrel', @t, 'fw-bench.bin', 0)"
+done
+before=$(thread_cpu "$daemon_pid")
+t0=$(now_us)
+sql "insert into vtlog.cloud_task(task_id, upgrade_pro, upgrade_bag) values (1, 'vantrel', 'fw-bench.bin');
+     set @t = unix_timestamp();
+     insert into vtlog.cloud_upgrade(task_id, license_id12, upgrade_pro, upgrade_start, upgrade_bag, complete)
+     values $values"
+# The daemon's count is read every 0.1 s (cloudctl is cheap), the rows
+# every 0.5 s: a database client per poll would take a good part of a small
+# machine's CPU from the daemon. A final count may thus lag by 0.5 s.
+up_first_ms=-1 up_all_ms=-1 up_final=0 num_max=0 num_min=0 num_polls=0 stalled=0
+last_final=0 last_change=$t0
+for ((turn = 0; ; turn++)); do
+    num=$("$CTL" -r "$root" upgrade 2050 | sed -n 's/^upgrading_num=//p')
+    num_polls=$((num_polls + 1))
+    ((num > num_max)) && num_max=$num
+    ((num < num_min)) && num_min=$num
+    t=$(now_us)
+    if ((turn % 5 == 0)); then
+        up_final=$(sql "select count(*) from vtlog.cloud_upgrade where task_id = 1 and complete in (2, 3)")
+        ((up_final > 0 && up_first_ms < 0)) && up_first_ms=$(((t - t0) / 1000))
+        if ((up_final >= UPGRADES)); then
+            up_all_ms=$(((t - t0) / 1000))
+            break
+        fi
+        ((up_final > last_final)) && last_final=$up_final last_change=$t
+        if (((t - last_change) / 1000000 >= UP_STALL)); then
+            stalled=1
+            break
+        fi
+    fi
+    (((t - t0) / 1000000 < UP_TIMEOUT)) && kill -0 "$usim_pid" 2>/dev/null || break
+    sleep 0.1
+done
+after=$(thread_cpu "$daemon_pid")
+run_up_cpu=$(($(tid_cpu "$upgrade_tid" "$after") - $(tid_cpu "$upgrade_tid" "$before")))
+run_all_cpu=$(all_cpu_delta "$before" "$after")
+run_ms=$(( ($(now_us) - t0) / 1000 ))
+stop_pid "$usim_pid"  # SIGTERM: vtsim prints its counters and ends
+usim_pid=
+uout=$(grep '^sent=' "$work/upgrade_run.out" || true)
+up_states=$(sql "select complete, count(*) from vtlog.cloud_upgrade where task_id = 1 group by complete" |
+    awk -F'\t' '{ printf "%s%s=%s", (NR > 1 ? " " : ""), $1, $2 }')
+up_task=$(sql "select concat('succ=', succ, ' fail=', fail) from vtlog.cloud_task where task_id = 1")
+num_end=$("$CTL" -r "$root" upgrade 2050 | sed -n 's/^upgrading_num=//p')
+
+log "announcements with nothing due (${UP_STEADY_SECONDS}s)"
+before=$(thread_cpu "$daemon_pid")
+sout=$("${usim[@]}" --announce 1 --duration "$UP_STEADY_SECONDS" 2>>"$work/vtsim.log" | grep '^sent=')
+after=$(thread_cpu "$daemon_pid")
+steady_ann=$(($(field announces "$sout") - $(field announce_lost "$sout")))
+steady_up_cpu=$(($(tid_cpu "$upgrade_tid" "$after") - $(tid_cpu "$upgrade_tid" "$before")))
+
+log "announcements at ${UP_BURST_RATE}/s"
+before=$(thread_cpu "$daemon_pid")
+bout=$("${usim[@]}" --announce-rate "$UP_BURST_RATE" --duration 3 --linger 1 2>>"$work/vtsim.log" | grep '^sent=')
+after=$(thread_cpu "$daemon_pid")
+burst_ann=$(field announces "$bout")
+burst_lost=$(field announce_lost "$bout")
+burst_up_cpu=$(($(tid_cpu "$upgrade_tid" "$after") - $(tid_cpu "$upgrade_tid" "$before")))
+stop_daemon
+fi  # upgrade
 
 # ---------------------------------------------------------------- report
 {
     printf 'cloud benchmarks: %s  nproc=%s  %s  RelWithDebInfo\n' "$(date -u '+%Y-%m-%d %H:%M UTC')" \
         "$(nproc)" "$(uname -r)"
+    if want registry; then
     printf '\n[1] status-report ingest, %d gateways, %d-s steps, vtsim --load on one socket\n' "$GW" \
         "$STEP_SECONDS"
     printf '    daemon: processed = sent - kernel drops; sink (bare poll+recvfrom loop): its own count\n'
@@ -494,6 +633,8 @@ stop_daemon
         "$startup_empty_ms" "$GW" "$startup_full_ms"
     printf ' (device_total=%s)\n' "$loaded"
     printf '    daemon after the load: VmRSS %s, VmHWM %s; idle CPU %s%% of one core\n' "$rss" "$hwm" "$idle_pct"
+    fi
+    if want backup; then
     printf '\n[5] configuration backups: %d gateways pinging every %ss, %d backups due at once\n' "$GW" \
         "$PING_SECONDS" "$BACKUPS"
     if ((all_ok_ms >= 0)); then
@@ -516,4 +657,47 @@ stop_daemon
         printf "  nothing due, %d pings: %.1f ms CPU, %.0f ns per ping (%s)\n", p, c / 1e6, (p > 0 ? c / p : 0), h }'
     printf '  ping bursts of 3 s (ns/ping over the pings taken in):\n'
     printf '%s\n' "${ping_lines[@]}"
+    fi
+    if want upgrade; then
+    printf '\n[6] firmware upgrade campaign: %d gateways announcing every %ss, download_max=%d,\n' "$UPGRADES" \
+        "$UP_ANNOUNCE" "$UP_MAX"
+    printf '    %s of the upgrades failing (retried by the daemon, 3 tries), %ss per upgrade in vtsim\n' \
+        "$UP_FAIL" "$UP_TIME"
+    if ((up_all_ms >= 0)); then
+        awk -v n="$UPGRADES" -v g="$GW" -v a="$up_all_ms" -v f="$up_first_ms" -v m="$UP_MAX" -v u="$UP_TIME" 'BEGIN {
+            printf "  from the rows written (upgrade_start = that second): first row final after %.1f s,\n", f / 1000
+            printf "  all %d final after %.1f s: %.1f upgrades/s (floor %d x %s s / %d = %.0f s)\n", n, a / 1000,
+                n * 1000 / a, n, u, m, n * u / m
+            if (n < g)
+                printf "  %d gateways: about %.0f s (%.1f min), extrapolated at the same rate\n", g, a / 1000 * g / n,
+                    a / 1000 * g / n / 60
+        }'
+    else
+        note=
+        ((stalled)) && note=" (none for $UP_STALL s: a lost report leaves its row started until the 2-hour give-up)"
+        printf '  NOT DONE: %d of %d rows final after %d s%s\n' "$up_final" "$UPGRADES" "$((run_ms / 1000))" "$note"
+    fi
+    printf '  rows by complete: %s; cloud_task %s\n' "$up_states" "$up_task"
+    printf '  in flight, limit %d: daemon upgrading_num max %s (polled %d times, min %s, at the end %s);\n' \
+        "$UP_MAX" "$num_max" "$num_polls" "$num_min" "$num_end"
+    printf '  vtsim: max %s orders not yet ended; %s orders, %s succ, %s fail, %s reports, %s oks\n' \
+        "$(field up_inflight_max "$uout")" "$(field up_orders "$uout")" "$(field up_succ "$uout")" \
+        "$(field up_fail "$uout")" "$(field up_reports "$uout")" "$(field up_oks "$uout")"
+    awk -v lim="$UP_MAX" -v a="$num_max" -v b="$(field up_inflight_max "$uout")" 'BEGIN {
+        printf "  limit %s\n", (a <= lim && b <= lim) ? "held" : "EXCEEDED" }'
+    awk -v p="$(field announces "$uout")" -v l="$(field announce_lost "$uout")" -v c="$run_up_cpu" \
+        -v d="$run_all_cpu" -v s="$run_ms" 'BEGIN {
+        printf "  during the campaign: %d announcements (%d lost), upgrade thread %.1f ms CPU = %.0f ns per\n",
+            p, l, c / 1e6, (p - l > 0 ? c / (p - l) : 0)
+        printf "  announcement (the reports, which the thread also takes in, included)\n"
+        printf "  the whole daemon: %.2f s CPU over %.1f s (%.1f%% of one core; the scheduler and the database\n",
+            d / 1e9, s / 1000, (s > 0 ? d / (s * 1e4) : 0)
+        printf "  writer included)\n" }'
+    awk -v p="$steady_ann" -v c="$steady_up_cpu" 'BEGIN {
+        printf "  nothing due, %d announcements: %.1f ms CPU, %.0f ns per announcement\n", p, c / 1e6,
+            (p > 0 ? c / p : 0) }'
+    awk -v r="$UP_BURST_RATE" -v p="$burst_ann" -v l="$burst_lost" -v c="$burst_up_cpu" 'BEGIN {
+        printf "  burst of 3 s at %d/s: sent %d, lost %d (%.2f%%), %.0f ns per announcement taken in\n", r, p, l,
+            (p > 0 ? l * 100 / p : 0), (p - l > 0 ? c / (p - l) : 0) }'
+    fi
 }

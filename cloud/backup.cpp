@@ -382,6 +382,8 @@ void backup_main(jos_thread_t* td)
     int one = 1;
     if (setsockopt(s, SOL_SOCKET, SO_REUSEPORT, &one, sizeof(one)) != 0)
         std::puts("setsockopt error");
+    // Room for a fleet's pings and reports arriving together.
+    cloud_rcvbuf(s, 4 << 20, "backup_main");
     sockaddr_in sa{};
     sa.sin_family = AF_INET;
     sa.sin_addr.s_addr = htonl(INADDR_ANY);

@@ -470,19 +470,10 @@ void cloud_main(jos_thread_t* td)
     // After a power cut or a restart a whole fleet reports within seconds:
     // room for several thousand reports. Root may go past the system's cap
     // on receive buffers; others get what the cap allows, and are told.
-    int rcvbuf = CLOUD_RCVBUF;
-    if (setsockopt(sock, SOL_SOCKET, SO_RCVBUFFORCE, &rcvbuf, sizeof(rcvbuf)) != 0 &&
-        setsockopt(sock, SOL_SOCKET, SO_RCVBUF, &rcvbuf, sizeof(rcvbuf)) != 0) {
+    if (cloud_rcvbuf(sock, CLOUD_RCVBUF, "cloud_main") != 0) {
         std::puts("set recvbuf error");
         return;
     }
-    int granted = 0;
-    socklen_t glen = sizeof(granted);
-    // Linux reports twice the size it was asked for (half is bookkeeping).
-    if (getsockopt(sock, SOL_SOCKET, SO_RCVBUF, &granted, &glen) == 0 && granted / 2 < rcvbuf)
-        std::printf("cloud_main: receive buffer is %d bytes, %d asked for; raise the cap with "
-                    "\"sysctl -w net.core.rmem_max=%d\" or run as root\n",
-                    granted / 2, rcvbuf, rcvbuf);
     sockaddr_in sa{};
     sa.sin_family = AF_INET;
     sa.sin_addr.s_addr = htonl(INADDR_ANY);

@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <iconv.h>
 #include <spawn.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -773,6 +774,21 @@ void write_adduser_script()
 }
 
 }  // namespace
+
+int cloud_rcvbuf(int sock, int bytes, const char* who)
+{
+    if (setsockopt(sock, SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof(bytes)) != 0 &&
+        setsockopt(sock, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof(bytes)) != 0)
+        return -1;
+    int granted = 0;
+    socklen_t glen = sizeof(granted);
+    // Linux reports twice the size it was asked for (half is bookkeeping).
+    if (getsockopt(sock, SOL_SOCKET, SO_RCVBUF, &granted, &glen) == 0 && granted / 2 < bytes)
+        printf("%s: receive buffer is %d bytes, %d asked for; raise the cap with "
+               "\"sysctl -w net.core.rmem_max=%d\" or run as root\n",
+               who, granted / 2, bytes, bytes);
+    return 0;
+}
 
 void cloud_adduser()
 {

@@ -100,6 +100,11 @@ void creatediscontable(const char* table);
 char* getconfig(const char* key, int keylen, char* value, int size);
 int setconfig(const char* key, const char* value);
 
+// Asks for a receive buffer of BYTES on the UDP socket SOCK (root may go
+// past the system's cap); says in one line, under WHO, when the kernel
+// granted less. -1 when neither request was taken.
+int cloud_rcvbuf(int sock, int bytes, const char* who);
+
 void cloud_adduser();
 int upgrade_nginx_port();
 char* mystrtolower(const char* src, char* dst, int max);

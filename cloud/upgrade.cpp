@@ -223,6 +223,8 @@ void upgrade_main(jos_thread_t* td)
     int one = 1;
     if (setsockopt(s, SOL_SOCKET, SO_REUSEPORT, &one, sizeof(one)) != 0)
         perror("setsockopt");
+    // Room for a fleet's pings and reports arriving together.
+    cloud_rcvbuf(s, 4 << 20, "upgrade_main");
     sockaddr_in sa{};
     sa.sin_family = AF_INET;
     sa.sin_addr.s_addr = htonl(INADDR_ANY);

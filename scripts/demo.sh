@@ -3,7 +3,8 @@
 # foreground under a temporary root, lets vtsim play a few dozen gateways
 # against it, and shows them through cloudctl and the database: the
 # registry, then the automatic configuration backups of the new gateways,
-# their applications and a package upgrade.
+# their applications, a package upgrade and a firmware upgrade campaign;
+# then a few cache appliances, a mapping instruction and their upgrade task.
 #   scripts/demo.sh            runs until Ctrl-C
 #   scripts/demo.sh SECONDS    stops by itself after SECONDS
 set -euo pipefail
@@ -20,11 +21,15 @@ root="$work/root"
 mkdir -p "$root/var/tmp" "$root/etc"
 daemon_pid=
 sim_pid=
+old_pid=
+frb_pid=
 cleanup() {
-    if [[ -n "$sim_pid" ]] && kill -0 "$sim_pid" 2>/dev/null; then
-        kill -TERM "$sim_pid"
-        wait "$sim_pid" || true
-    fi
+    for pid in "$sim_pid" "$old_pid" "$frb_pid"; do
+        if [[ -n "$pid" ]] && kill -0 "$pid" 2>/dev/null; then
+            kill -TERM "$pid"
+            wait "$pid" || true
+        fi
+    done
     if [[ -n "$daemon_pid" ]] && kill -0 "$daemon_pid" 2>/dev/null; then
         kill -TERM "$daemon_pid"
         wait "$daemon_pid" || true
@@ -42,9 +47,11 @@ free_port() {
 }
 port=$(free_port)
 bport=$(free_port)
+uport=$(free_port)
 # backup_auto=1: every gateway seen for the first time gets a daily backup,
-# the first one due at once.
-printf 'device_port=%s\nbackup_port=%s\nbackup_auto=1\n' "$port" "$bport" > "$root/etc/cloud.conf"
+# the first one due at once. download_max=4: four firmware upgrades at once.
+printf 'device_port=%s\nbackup_port=%s\nupgrade_port=%s\nbackup_auto=1\ndownload_max=4\n' \
+    "$port" "$bport" "$uport" > "$root/etc/cloud.conf"
 mkdir -p "$root/usr/logd/bin"
 echo "cloud_weixin_relation_obj=discon" > "$root/usr/logd/bin/log.conf"
 
@@ -74,9 +81,12 @@ db -e "insert into vtlog.cloud_appup(license_id12, upgrade_bag, complete, errors
 vtconf="$root/usr/logdata/vtconf"
 echo "== vtsim: 36 gateways on UDP $port, a report from each every 5 s;"
 echo "   on the backup socket (UDP $bport) a ping every 2 s, 3 applications each,"
-echo "   backups copied into $vtconf, one in ten failing"
+echo "   backups copied into $vtconf, one in ten failing;"
+echo "   on the upgrade socket (UDP $uport) an announcement every 2 s, upgrades taking"
+echo "   2 s, one in five failing (the daemon retries it)"
 build/vtsim --port "$port" --count 36 --interval 5 --key --lnglat --quiet \
-    --backup-port "$bport" --backup-dir "$vtconf" --ping 2 --apps 3 --backup-fail 0.1 &
+    --backup-port "$bport" --backup-dir "$vtconf" --ping 2 --apps 3 --backup-fail 0.1 \
+    --upgrade-port "$uport" --announce 2 --upgrade-time 2 --upgrade-fail 0.2 --upgrade-version V2.0.0 &
 sim_pid=$!
 for _ in $(seq 1 100); do
     build/cloudctl -r "$root" cloud 2050 | grep -q '^device_total=36$' && break
@@ -114,9 +124,80 @@ ctl apps --search app2 --limit 3 --table
 ctl appstart SIM000000002 app2 start
 echo "   (vtsim prints the start when SIM000000002 next reports app2, within 3 pings)"
 
+# A firmware campaign, task 1, due since 5 s: twelve of the gateways above
+# and two more whose every upgrade fails. The scheduler starts due rows
+# every 5 s, an order leaves with the gateway's next announcement while
+# fewer than download_max= run, and a failure puts the row back to 0 for
+# another try: after the third the row is given up (3).
+campaign=14
+echo "== vtsim: 2 more gateways (OLD000000001-2) whose upgrades always fail"
+build/vtsim --port "$port" --prefix OLD --count 2 --interval 5 --quiet \
+    --upgrade-port "$uport" --announce 2 --upgrade-time 2 --upgrade-fail 1 &
+old_pid=$!
+db -e "insert into vtlog.cloud_task(task_id, upgrade_pro, upgrade_bag) values (1, 'vantrel', 'fw-demo.bin')"
+for id in $(printf 'SIM%09d ' $(seq 1 12)) OLD000000001 OLD000000002; do
+    db -e "insert into vtlog.cloud_upgrade(task_id, license_id12, upgrade_pro, upgrade_start, upgrade_bag, complete)
+           values (1, '$id', 'vantrel', $(($(date +%s) - 5)), 'fw-demo.bin', 0)"
+done
+echo "== firmware campaign: task 1, $campaign gateways, at most 4 at once"
+echo "   (complete 0 waiting, 1 started, 2 upgraded, 3 given up; upgrading_num has no floor:"
+echo "   a row given up after its third failure lowers it below what is in flight)"
+for _ in $(seq 1 120); do
+    counts=$(db -N -e "select concat('succ=', succ, ' fail=', fail) from vtlog.cloud_task where task_id = 1")
+    states=$(db -N -e "select group_concat(concat(complete, ':', n) order by complete separator ' ')
+                       from (select complete, count(*) n from vtlog.cloud_upgrade where task_id = 1
+                             group by complete) c")
+    flying=$(build/cloudctl -r "$root" upgrades | tr '\n' ' ')
+    echo "   $counts  complete $states  $flying"
+    [[ "$(db -N -e "select count(*) from vtlog.cloud_upgrade where task_id = 1 and complete in (2, 3)")" \
+        -ge "$campaign" ]] && break
+    sleep 1
+done
+ctl upgrades
+ctl upgrade-list --table | head -n 8
+echo "== vtlog.cloud_task and vtlog.cloud_upgrade (complete 2: upgraded, 3: given up)"
+db -e "select task_id, upgrade_pro, succ, fail from vtlog.cloud_task"
+db -e "select license_id12, complete, errors, last_version, if(upgrade_end > 0, from_unixtime(upgrade_end), '') as ended
+       from vtlog.cloud_upgrade where task_id = 1 order by license_id12"
+
+# Cache appliances report text to the same device port; vtsim prints the
+# mapping instruction and each upgrade as it ends.
+echo "== vtsim --family frb: 6 cache appliances (FRB000000001-6) on UDP $port, a report every 5 s,"
+echo "   upgrades taking 2 s, one in five failing"
+build/vtsim --family frb --port "$port" --count 6 --interval 5 --upgrade-time 2 --upgrade-fail 0.2 &
+frb_pid=$!
+for _ in $(seq 1 100); do
+    build/cloudctl -r "$root" frelbox 2050 | grep -q '^device_total=6$' && break
+    sleep 0.1
+done
+sleep 0.5  # the verification strings follow the first reports
+ctl frb-stats
+ctl frb-list --sort id --table
+echo "== cloudctl frelbox 2053 license_id12=FRB000000002 mapping=1 webport=30100 sshport=30101"
+# The answer, "ok", comes without a line break: print it with one, at once.
+echo "$(build/cloudctl -r "$root" frelbox 2053 license_id12=FRB000000002 mapping=1 webport=30100 sshport=30101 ||
+    true)"
+sleep 0.5  # vtsim prints the instruction it received
+# Task 2 for all six, loaded by the daemon within 5 s, at most 4 orders in
+# flight (download_max=), no retries: a failure is final.
+db -e "insert into vtlog.cloud_task(task_id, upgrade_pro, upgrade_bag, upgrade_start, status)
+       values (2, 'frelbox', 'frb-demo.bin', unix_timestamp(), 0)"
+for i in $(seq 1 6); do
+    db -e "insert into vtlog.cloud_upgrade(task_id, license_id12, upgrade_pro, upgrade_start, upgrade_bag, complete)
+           values (2, '$(printf 'FRB%09d' "$i")', 'frelbox', unix_timestamp(), 'frb-demo.bin', 0)"
+done
+echo "== cache-appliance upgrade task 2 (waiting until every appliance has ended)"
+for _ in $(seq 1 60); do
+    [[ "$(build/cloudctl -r "$root" als_upgrade 2055 showtask=1 | awk '$1 == 2 { print $5 }')" == 2 ]] && break
+    sleep 1
+done
+ctl frb-tasks --devices --table
+db -e "select license_id12, complete, errors, last_version from vtlog.cloud_upgrade where task_id = 2"
+
 cat <<MSG
 
-The daemon runs in the foreground (pid $daemon_pid), vtsim beside it (pid $sim_pid).
+The daemon runs in the foreground (pid $daemon_pid), vtsim beside it (pids $sim_pid, $old_pid
+and $frb_pid).
 Watch them from another shell:
   $top/build/cloudctl -r $root stats
   $top/build/cloudctl -r $root devices --table
@@ -126,6 +207,10 @@ Watch them from another shell:
   $top/build/cloudctl -r $root apps --table
   $top/build/cloudctl -r $root apps --reverse --search app3,1.3 --table   (none lack it)
   $top/build/cloudctl -r $root appstart SIM000000005 app1 start
+  $top/build/cloudctl -r $root upgrades
+  $top/build/cloudctl -r $root upgrade-list --table
+  $top/build/cloudctl -r $root frb-list --expire 1 --table        (services ending within a week)
+  $top/build/cloudctl -r $root frb-tasks --devices --table
   mariadb --socket=$work/db/mysqld.sock -u$CLOUD_DB_USER -p$CLOUD_DB_PASSWORD \\
       -e 'select license_id12, sys_name, time, outport from vtlog.cloud_device'
 Stop vtsim (kill $sim_pid) and the devices are marked silent after 60 s:

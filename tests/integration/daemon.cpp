@@ -117,15 +117,23 @@ void daemon_proc::spawn()
 
 // The device socket is bound by the receive thread once it runs: a bind of
 // the same port without port sharing fails from then on.
+// Read from the kernel's socket table: a probe that binds the port itself
+// could take it from under the daemon for an instant.
 static bool udp_port_taken(int port)
 {
-    int fd = socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in sa{};
-    sa.sin_family = AF_INET;
-    sa.sin_port = htons(static_cast<uint16_t>(port));
-    bool taken = bind(fd, reinterpret_cast<sockaddr*>(&sa), sizeof(sa)) != 0;
-    close(fd);
-    return taken;
+    char hex[8];
+    std::snprintf(hex, sizeof(hex), ":%04X", port);
+    std::istringstream in(read_file("/proc/net/udp"));
+    std::string line;
+    std::getline(in, line);  // header
+    while (std::getline(in, line)) {
+        std::istringstream f(line);
+        std::string slot, local;
+        f >> slot >> local;
+        if (local.size() > 5 && local.compare(local.size() - 5, 5, hex) == 0)
+            return true;
+    }
+    return false;
 }
 
 void daemon_proc::start()

@@ -1,4 +1,6 @@
-// The simulator's datagram helpers, the /proc/net/udp drops and the malformed set.
+// The simulator's datagram helpers and pacing, the /proc/net/udp drops, the
+// malformed set, and the tables cloudctl makes of the daemon's listings.
+#include "../../tools/cloudctl/cloudctl_rows.h"
 #include "../../tools/vtsim/vtsim_proto.h"
 
 #include <gtest/gtest.h>
@@ -7,6 +9,7 @@
 #include <array>
 #include <cmath>
 #include <cstring>
+#include <tuple>
 
 namespace {
 
@@ -192,6 +195,94 @@ TEST(Vtsim, DecodesOrdersAndChecksEchoes)
     EXPECT_GT(std::count(e.begin() + 28, e.end(), 0), 0);  // NULs inside the pattern come back too
 }
 
+// The upgrade socket: announcements, the three reports cut inside their
+// fields, the order decoded at its exact size only, and the daemon's "ok".
+TEST(Vtsim, UpgradeSocketRecords)
+{
+    bytes a = bytes_of(build_ping("SIM000000011", VTR_UP_ANNOUNCE));
+    ASSERT_EQ(a.size(), 24u);
+    expect_fields(a, {{4, 2, 10010}}, {{0, 4, "VTR"}, {8, 16, "SIM000000011"}});
+    for (uint16_t type : {VTR_UP_PROGRESS, VTR_UP_SUCC, VTR_UP_FAIL}) {
+        bytes l = bytes_of(build_upgrade_log(type, 0xBEEF, "SIM000000011", std::string(70, 'v'),
+                                             "it's \\ " + std::string(200, 'e')));
+        ASSERT_EQ(l.size(), 216u);
+        expect_fields(l, {{4, 2, type}, {6, 2, 0xBEEF}},
+                      {{0, 4, "VTR"}, {8, 16, "SIM000000011"}, {24, 64, std::string(63, 'v')},
+                       {88, 128, ("it's \\ " + std::string(200, 'e')).substr(0, 127)}});
+    }
+    cloud_upgradeinfo_t o{};
+    std::memcpy(o.tag, "VTR", 4);
+    o.type = VTR_UP_ORDER;
+    o.task_id = 513;
+    o.ngnix_port = 8080;
+    std::memcpy(o.license_id12, "SIM000000012", 13);
+    std::memset(o.packet_name, 'p', sizeof(o.packet_name));  // no NUL: bounded by the field
+    bytes ob = bytes_of(o);
+    incoming in = classify(ob);
+    ASSERT_EQ(in.kind, incoming::UPGRADE_ORDER);
+    upgrade_order u = gw_order(in.upgrade);
+    EXPECT_EQ(std::tie(u.id, u.packet, u.task, u.port),
+              std::make_tuple(std::string("SIM000000012"), std::string(62, 'p'), 513L, 8080L));
+    EXPECT_EQ(in.id, "SIM000000012");
+    for (const bytes& b : {bytes_of(o, 87), bytes_of(o, 89)})
+        EXPECT_EQ(classify(b).kind, incoming::OTHER) << b.size();
+    EXPECT_EQ(classify(bytes{'o', 'k'}).kind, incoming::ACK);
+    for (const bytes& b : {bytes{'o', 'k', 0}, bytes{'o'}, bytes{'O', 'K'}})
+        EXPECT_EQ(classify(b).kind, incoming::OTHER) << b.size();
+}
+
+// Cache appliances speak text in the command frame under "FRB": every key
+// of a report reads back as one word, whatever blanks a value held.
+TEST(Vtsim, CacheApplianceTexts)
+{
+    bytes c = bytes_of(build_frb(std::string(600, 'x')));
+    ASSERT_EQ(c.size(), 520u);
+    expect_fields(c, {{4, 2, 40000}, {6, 2, 511}}, {{0, 4, "FRB"}, {8, 512, std::string(511, 'x')}});
+    expect_fields(bytes_of(build_frb("tag=FRBPWD")), {{6, 2, 10}});
+
+    frb_report r{.id = "FRB000000004", .by_key = true, .cpurate = 37, .cpu = "x86 8c", .board = "b1",
+                 .mem = "16G", .boot = 7200, .name = "shop\tfloor 2", .ver = "V1.2", .bdw = 900, .start = 1704067200,
+                 .end = 2019600000, .bpsout = 5000000000ull, .bpsin = 7, .flow = 150, .diskio = "sda:r1w2",
+                 .pused = "/:41%"};
+    std::string t = frb_report_text(r);
+    for (auto [key, want] : std::initializer_list<std::pair<const char*, const char*>>{
+             {"key", "FRB000000004"}, {"cpurate", "37"}, {"cpu", "x86_8c"}, {"board", "b1"}, {"mem", "16G"},
+             {"boot", "7200"}, {"name", "shop_floor_2"}, {"ver", "V1.2"}, {"bdw", "900"}, {"start", "1704067200"},
+             {"end", "2019600000"}, {"bpsout", "5000000000"}, {"bpsin", "7"}, {"flow", "150"},
+             {"diskio", "sda:r1w2"}, {"pused", "/:41%"}, {"license_id12", ""}})
+        EXPECT_EQ(token_value(t, key), want) << key;
+    EXPECT_EQ(std::count(t.begin(), t.end(), ' '), 15);  // sixteen words
+    r.by_key = false;
+    EXPECT_EQ(token_value(frb_report_text(r), "license_id12"), "FRB000000004");
+    EXPECT_EQ(frb_pwd_text("FRB000000004", "ab cd"), "tag=FRBPWD licenseid=FRB000000004 verify=ab_cd");
+
+    // Progress, success and failure reports of an upgrade.
+    for (auto [fail, want] : std::initializer_list<std::pair<int, const char*>>{
+             {-1, "tag=frb_upgrade license_id12=FRB000000004 taskid=12 log=downloading"},
+             {0, "tag=frb_upgrade license_id12=FRB000000004 taskid=12 log=downloading new_ver=V2 fail=0"},
+             {1, "tag=frb_upgrade license_id12=FRB000000004 taskid=12 log=downloading fail=1"}})
+        EXPECT_EQ(frb_upgrade_text("FRB000000004", 12, "downloading", "V2", fail), want) << fail;
+
+    // What the daemon sends: whole 520-byte texts only, orders decoded.
+    bytes order = bytes_of(build_frb("tag=frb_upgrade license_id12=FRB000000005 pktname=a.bin http_port=81 taskid=3"));
+    incoming in = classify(order);
+    ASSERT_EQ(in.kind, incoming::FRB_TEXT);
+    EXPECT_EQ(in.id, "FRB000000005");
+    upgrade_order u;
+    ASSERT_TRUE(frb_order(in.text, u));
+    EXPECT_EQ(std::tie(u.id, u.packet, u.task, u.port),
+              std::make_tuple(std::string("FRB000000005"), std::string("a.bin"), 3L, 81L));
+    EXPECT_FALSE(frb_order("mapping=1 webport=30001 sshport=30002", u));
+    EXPECT_EQ(classify(bytes_of(build_frb("mapping=1 webport=30001 sshport=30002"))).text,
+              "mapping=1 webport=30001 sshport=30002");
+    bytes cut(order.begin(), order.end() - 1), foreign = order, vtr = order;
+    foreign[2] = 'X';
+    vtr[0] = 'V', vtr[1] = 'T', vtr[2] = 'R';
+    EXPECT_EQ(classify(cut).kind, incoming::OTHER);
+    EXPECT_EQ(classify(foreign).kind, incoming::OTHER);
+    EXPECT_EQ(classify(vtr).kind, incoming::COMMAND);
+}
+
 TEST(Vtsim, BackupFileNamesAndFailureFractions)
 {
     std::tm t{};
@@ -216,6 +307,74 @@ TEST(Vtsim, BackupFileNamesAndFailureFractions)
     }
     EXPECT_FALSE(pick(0.25, 0) || pick(0.25, 1) || pick(0.25, 2));
     EXPECT_TRUE(pick(0.25, 3));
+}
+
+// When each stream's datagram Q is due, and how the streams interleave.
+TEST(Vtsim, PacingOfTheStreams)
+{
+    struct {
+        const char* what;
+        pacer p;
+        std::vector<double> due;
+    } cases[] = {
+        {"each gateway every 10 s, a round 1 ms apart", make_pacer(4, -1, 10, 0), {0, 0.001, 0.002, 0.003, 10, 10.001}},
+        {"a round spread over the whole interval", make_pacer(4, -1, 10, 0, true), {0, 2.5, 5, 7.5, 10, 12.5}},
+        {"many gateways: closer than 1 ms", make_pacer(20000, -1, 10, 0), {0, 0.0005, 0.001}},
+        {"a rate in total", make_pacer(4, 100, 10, 0), {0, 0.01, 0.02, 0.03, 0.04, 0.05}},
+        {"unpaced", make_pacer(4, 0, 10, 0), {0, 0, 0, 0, 0}},
+    };
+    for (const auto& c : cases)
+        for (size_t q = 0; q < c.due.size(); q++)
+            EXPECT_NEAR(c.p.due(q), c.due[q], 1e-9) << c.what << " q=" << q;
+    pacer r = make_pacer(3, -1, 1, 2);
+    r.seq = 5;
+    EXPECT_FALSE(r.done());
+    r.seq = 6;
+    EXPECT_TRUE(r.done());  // two rounds of three
+
+    // Take the earliest datagram, move its stream on; -1 once all are done.
+    auto take = [](streams_t& st) {
+        int k = earliest(st);
+        if (k >= 0)
+            st[k].seq++;
+        return k;
+    };
+    streams_t st{make_pacer(2, -1, 10, 1), pacer{}, make_pacer(2, -1, 4, 2, true)};  // pings off
+    std::vector<int> order;
+    for (int k; (k = take(st)) >= 0;)
+        order.push_back(k);
+    // Reports at 0 and 0.001, announcements at 0, 2, 4, 6: a tie goes to
+    // the first stream.
+    EXPECT_EQ(order, (std::vector<int>{S_STATUS, S_ANNOUNCE, S_STATUS, S_ANNOUNCE, S_ANNOUNCE, S_ANNOUNCE}));
+    // Unpaced streams take turns, the one that sent fewer first.
+    st = {make_pacer(2, 0, 1, 2), make_pacer(2, 0, 1, 1), make_pacer(2, 0, 1, 1)};
+    order.clear();
+    for (int k; (k = take(st)) >= 0;)
+        order.push_back(k);
+    EXPECT_EQ(order,
+              (std::vector<int>{S_STATUS, S_PING, S_ANNOUNCE, S_STATUS, S_PING, S_ANNOUNCE, S_STATUS, S_STATUS}));
+}
+
+// The listings as tables: the last column takes the rest of a line, an
+// empty value stays an empty cell, a '|' in a value cannot add a column,
+// short lines pass as they are, and each part of a listing with headers of
+// its own gets its own columns, whatever its number of words.
+TEST(CloudctlRows, ListingsAsTables)
+{
+    EXPECT_EQ(cloudctl_space_rows("SIM000000001 7  x|y fw 1.bin\nlong 1 2 3\ntotal=2\n", {"id", "task", "up", "rest"}),
+              "id            task  up  rest\n"
+              "SIM000000001  7         x/y fw 1.bin\n"
+              "long          1     2   3\n"
+              "total=2\n");
+    EXPECT_EQ(cloudctl_space_rows("", {"a", "b"}), "a  b\n");
+
+    const std::vector<cloudctl_part> parts = {{"id n", {"ID", "NAME"}}, {"t x y", {"T", "X", "Y"}}};
+    EXPECT_EQ(cloudctl_space_parts("before\nid n\n1 two words\nt x y\n7 a b\n8  c\nend=1\n", parts),
+              "before\n"
+              "ID  NAME\n1   two words\n"
+              "T  X  Y\n7  a  b\n8     c\nend=1\n");
+    EXPECT_EQ(cloudctl_space_parts("t x y\n1 2 3\n", parts), "T  X  Y\n1  2  3\n");  // the second part alone
+    EXPECT_EQ(cloudctl_space_parts("1 2 3\n", parts), "1 2 3\n");                 // no header: no part
 }
 
 TEST(Vtsim, DropsOfEverySocketOnThePort)

@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "cloudctl_rows.h"
 #include "jos.h"
 
 struct cloudctl_result {
@@ -15,10 +16,6 @@ struct cloudctl_result {
     // The reply as text: the data up to its first NUL.
     std::string text() const { return std::string(data.c_str()); }
 };
-
-// Lines of '|'-separated values laid out in aligned columns (two blanks
-// apart); other lines stay as they are.
-std::string cloudctl_align(const std::string& text);
 
 // Socket path of a daemon running under ROOT (empty: the real path).
 std::string cloudctl_sockpath(const std::string& root);

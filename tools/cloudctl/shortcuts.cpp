@@ -18,6 +18,29 @@ const std::map<std::string, int> SORT_KEYS = {
     {"down", 8},  {"uptime", 9},  {"version", 10}, {"temp", 11},  {"cpu", 12},  {"name", 13},
 };
 
+// The cache-appliance list's sortname values.
+const std::map<std::string, int> FRB_SORT_KEYS = {
+    {"id", 1},    {"time", 2}, {"start", 3}, {"end", 4},  {"bdw", 5},  {"flow", 6},
+    {"bpsout", 7}, {"bpsin", 8}, {"boot", 9},  {"ver", 10}, {"cpu", 11}, {"name", 12},
+};
+
+const std::vector<std::string> UPGRADE_COLUMNS = {"license_id12", "task_id",  "ifupgrade",
+                                                  "nginx_port",   "up_times", "packet_name"};
+
+const std::vector<std::string> FRB_COLUMNS = {
+    "license_id12", "grpid",   "cpurate", "cpudesc", "board",  "mem",      "boot",    "frname",  "ver",
+    "bdw",          "start",   "end",     "bpsin",   "bpsout", "flow",     "diskio",  "pused",   "outip",
+    "outport",      "actime",  "map_addr", "lng",    "lat",    "frname2",  "verify",  "webport", "sshport"};
+
+// The cache-appliance task listing: its two header lines as the daemon
+// spells them, and the names shown instead.
+const char* const FRB_TASK_HEADER = "id device_count succ fail status sended_count upstart pktname";
+const char* const FRB_DEVICE_HEADER = "taskid license_id12 sysname status ver new_verresp";
+const std::vector<std::string> FRB_TASK_COLUMNS = {"id",     "device_count", "succ",   "fail",
+                                                   "status", "sended_count", "upstart", "pktname"};
+const std::vector<std::string> FRB_DEVICE_COLUMNS = {"taskid", "license_id12", "sysname", "status",
+                                                     "ver",    "new_ver",      "resp"};
+
 const char* const APP_COLUMNS = "license_id12|sysname|app_name|app_cname|app_version|grpid|time|app_status|mask";
 
 const char* const LIST_COLUMNS =
@@ -57,8 +80,8 @@ std::string app_rows(const std::string& text)
     return cloudctl_align(out);
 }
 
-// Prints the reply, or the error, and gives the exit status.
-int finish(const cloudctl_result& r, bool table, bool apps = false)
+// The error of a reply, printed, as the exit status; 0 when it has none.
+int failed(const cloudctl_result& r)
 {
     if (r.rc != 0) {
         std::fprintf(stderr, "cloudctl: %s\n", r.error.c_str());
@@ -68,6 +91,31 @@ int finish(const cloudctl_result& r, bool table, bool apps = false)
         std::fprintf(stderr, "error %d %.120s\n", r.rec.ca_errno, r.rec.ca_errmsg);
         return 2;
     }
+    return 0;
+}
+
+void print_text(std::string text)
+{
+    if (!text.empty() && text.back() != '\n')
+        text += '\n';  // "ok" comes bare; keep the prompt on its own line
+    std::fputs(text.c_str(), stdout);
+}
+
+// Prints a listing of space-separated values, with --table as aligned
+// columns under COLUMNS (see cloudctl_rows.h).
+int finish_rows(const cloudctl_result& r, bool table, const std::vector<std::string>& columns)
+{
+    if (int rc = failed(r))
+        return rc;
+    print_text(table ? cloudctl_space_rows(r.text(), columns) : r.text());
+    return 0;
+}
+
+// Prints the reply, or the error, and gives the exit status.
+int finish(const cloudctl_result& r, bool table, bool apps = false)
+{
+    if (int rc = failed(r))
+        return rc;
     std::string text = r.text();
     if (table && apps) {
         text = app_rows(text);
@@ -79,9 +127,7 @@ int finish(const cloudctl_result& r, bool table, bool apps = false)
             text = std::string(LIST_COLUMNS) + text.substr(eol);
         text = cloudctl_align(text);
     }
-    if (!text.empty() && text.back() != '\n')
-        text += '\n';  // "ok" comes bare; keep the prompt on its own line
-    std::fputs(text.c_str(), stdout);
+    print_text(text);
     return 0;
 }
 
@@ -145,19 +191,32 @@ void cloudctl_shortcut_usage()
                  "                                                   application inventory (--reverse\n"
                  "                                                   with --search NAME[,VERSION]: the\n"
                  "                                                   appliances that lack it; LIST: 1,2,3)\n"
-                 "  appstart ID APP STATE                            ask appliance ID to start APP\n");
+                 "  appstart ID APP STATE                            ask appliance ID to start APP\n"
+                 "shortcuts (module upgrade, gateway firmware):\n"
+                 "  upgrades                                         upgrades in flight and the limit\n"
+                 "  upgrade-list [--table]                           appliances announcing themselves\n"
+                 "shortcuts (modules frelbox and als_upgrade, cache appliances):\n"
+                 "  frb-list [--page N] [--limit N] [--sort KEY] [--desc] [--search TEXT] [--grp N]\n"
+                 "           [--expire 0-2] [--table]                list (KEY: id time start end bdw\n"
+                 "                                                   flow bpsout bpsin boot ver cpu name;\n"
+                 "                                                   without --page and --limit: all)\n"
+                 "  frb-stats [--grp N]                              statistics\n"
+                 "  frb-tasks [--devices] [--task N] [--table]       upgrade tasks (--devices: and their\n"
+                 "                                                   appliances, of task N only)\n");
 }
 
 int cloudctl_shortcut(const std::string& sock, int argc, char** argv)
 {
-    static const std::set<std::string> NAMES = {"devices", "stats",   "rename", "setgrp",
-                                                "resetpass", "range", "backups", "apps", "appstart"};
+    static const std::set<std::string> NAMES = {
+        "devices",  "stats",        "rename",   "setgrp",    "resetpass", "range",    "backups",
+        "apps",     "appstart",     "upgrades", "upgrade-list", "frb-list", "frb-stats", "frb-tasks"};
     const std::string cmd = argv[0];
     if (NAMES.count(cmd) == 0)
         return -1;
+    const bool frb = cmd.rfind("frb-", 0) == 0;
     std::vector<std::string> pos;
     std::string args;
-    bool table = false;
+    bool table = false, paged = false, sorted = false, desc = false, devices = false;
     auto add = [&](const std::string& w) { args += (args.empty() ? "" : " ") + w; };
     for (int i = 1; i < argc; i++) {
         std::string a = argv[i];
@@ -168,14 +227,20 @@ int cloudctl_shortcut(const std::string& sock, int argc, char** argv)
             }
             return argv[++i];
         };
-        if (a == "--table")
+        if (a == "--table") {
             table = true;
-        else if (a == "--desc")
+        } else if (a == "--desc") {
             add("sortdesc=1");
-        else if (a == "--equal")
+            desc = true;
+        } else if (a == "--equal") {
             add("showequal=1");
-        else if (a == "--page" || a == "--limit" || a == "--expire")
+        } else if (a == "--page" || a == "--limit" || a == "--expire") {
             add(a.substr(2) + "=" + next());
+            paged |= a != "--expire";
+        } else if (a == "--devices" && cmd == "frb-tasks")
+            devices = true;
+        else if (a == "--task" && cmd == "frb-tasks")
+            add("taskid=" + next());
         else if (a == "--reverse" && cmd == "apps")
             add("reverse=1");
         else if (a == "--grp" && cmd == "apps") {
@@ -193,12 +258,14 @@ int cloudctl_shortcut(const std::string& sock, int argc, char** argv)
                 return 1;
             add("sch=" + s);
         } else if (a == "--sort") {
-            auto k = SORT_KEYS.find(next());
-            if (k == SORT_KEYS.end()) {
+            const auto& keys = frb ? FRB_SORT_KEYS : SORT_KEYS;
+            auto k = keys.find(next());
+            if (k == keys.end()) {
                 cloudctl_shortcut_usage();
                 return 1;
             }
             add("sortname=" + std::to_string(k->second));
+            sorted = true;
         } else if (a.rfind("--", 0) == 0) {
             cloudctl_shortcut_usage();
             return 1;
@@ -232,6 +299,33 @@ int cloudctl_shortcut(const std::string& sock, int argc, char** argv)
         return finish(cloudctl_command(sock, "backup", 2053,
                                        "license_id12=" + pos[0] + " app_name=" + pos[1] + " state=" + pos[2]),
                       false);
+    }
+    if (cmd == "upgrades" && pos.empty() && args.empty())
+        return finish(cloudctl_command(sock, "upgrade", 2050, ""), false);
+    if (cmd == "upgrade-list" && pos.empty() && args.empty())
+        return finish_rows(cloudctl_command(sock, "upgrade", 2055, "", 4 << 20), table, UPGRADE_COLUMNS);
+    if (cmd == "frb-list" && pos.empty()) {
+        // The daemon lists nothing on page 0 or with limit 0, and leaves
+        // the slot order when a sort key comes without its direction.
+        if (!paged)
+            add("page=1 limit=2000");
+        if (sorted && !desc)
+            add("sortdesc=0");
+        return finish_rows(cloudctl_command(sock, "frelbox", 2055, args, 4 << 20), table, FRB_COLUMNS);
+    }
+    if (cmd == "frb-stats" && pos.empty())
+        return finish(cloudctl_command(sock, "frelbox", 2050, args), false);
+    if (cmd == "frb-tasks" && pos.empty()) {
+        add(devices ? "showtask=1 showdevice=1" : "showtask=1");
+        cloudctl_result r = cloudctl_command(sock, "als_upgrade", 2055, args, 4 << 20);
+        if (int rc = failed(r))
+            return rc;
+        std::string text = r.text();
+        if (table)
+            text = cloudctl_space_parts(text,
+                                        {{FRB_TASK_HEADER, FRB_TASK_COLUMNS}, {FRB_DEVICE_HEADER, FRB_DEVICE_COLUMNS}});
+        print_text(text);
+        return 0;
     }
     if (cmd == "range" && pos.size() == 2)
         return finish(cloudctl_command(sock, "cloud", 2056, "minport=" + pos[0] + " maxport=" + pos[1]), false);

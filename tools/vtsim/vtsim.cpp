@@ -1,12 +1,15 @@
-// vtsim: plays gateway appliances against the daemon's device port, answers
-// the commands the daemon sends them, plays the appliance side of the backup
-// socket (pings, configuration backups, package upgrades, the application
-// inventory, echoes), and in load mode measures how much of a paced stream of
-// status reports and pings the daemon's sockets took in.
+// vtsim: plays appliances against the daemon's device port: gateways
+// (--family gw) with the commands the daemon sends them, the appliance side
+// of the backup socket (pings, configuration backups, package upgrades, the
+// application inventory, echoes) and of the upgrade socket (announcements,
+// firmware upgrades); or cache appliances (--family frb) with their text
+// reports, verification string, mapping instructions and upgrade orders. In
+// load mode it measures how much of a paced stream of status reports, pings
+// and announcements the daemon's sockets took in.
 //
 // Traffic goes to loopback addresses only. Every loop ends by itself: after
-// --reports (and --pings) rounds, after --duration seconds, or on
-// SIGINT/SIGTERM.
+// --reports (and --pings, --announces) rounds, after --duration seconds, or
+// on SIGINT/SIGTERM.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <getopt.h>
@@ -19,6 +22,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -29,7 +33,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <deque>
 #include <fstream>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -50,16 +56,24 @@ void on_signal(int)
 
 const char USAGE[] =
     "usage: vtsim [options]\n"
-    "Simulates gateway appliances talking to the daemon's device port over loopback.\n"
+    "Simulates appliances talking to the daemon's device port over loopback.\n"
     "\n"
     "Target\n"
     "  --host A          daemon address, dotted IPv4 inside 127.0.0.0/8 (default 127.0.0.1)\n"
     "  --port P          daemon device port (default 24567)\n"
     "\n"
-    "Gateways\n"
-    "  --count N         number of gateways (default 10)\n"
+    "Appliances\n"
+    "  --family F        gw: gateways (default); frb: cache appliances, which send text\n"
+    "                    reports (magic FRB, type 40000, every key: cpurate cpu board mem\n"
+    "                    boot name ver bdw start end bpsout bpsin flow diskio pused; the\n"
+    "                    identifier as key= for even indexes, license_id12= for odd\n"
+    "                    ones), hand over their verification string (tag=FRBPWD) after\n"
+    "                    the first report, print mapping instructions and answer\n"
+    "                    upgrade orders (tag=frb_upgrade, see Firmware upgrades)\n"
+    "  --count N         number of appliances (default 10)\n"
     "  --prefix S        identifier prefix; identifiers are the prefix and a zero-padded\n"
-    "                    index, 12 characters in all (default SIM: SIM000000001)\n"
+    "                    index, 12 characters in all (default SIM: SIM000000001; FRB\n"
+    "                    for --family frb)\n"
     "  --first K         index of the first gateway (default 1)\n"
     "  --shared-socket   one UDP socket for all gateways (default: one socket each,\n"
     "                    bound to 127.0.0.1 and an ephemeral port); commands that come\n"
@@ -72,10 +86,11 @@ const char USAGE[] =
     "                    (with --load, 0 means as fast as the socket takes them)\n"
     "  --reports N       send exactly N rounds, then stop (default 0: no limit)\n"
     "  --duration S      stop after S seconds (default 0: no limit)\n"
-    "  --type T          10012, 30004 or 50000 (default: the three in turn)\n"
+    "  --type T          10012, 30004 or 50000 (default: the three in turn; gw only)\n"
     "  --lnglat          also send a coordinates report (1008) after each gateway's first report\n"
     "  --key             also send a key report (20001) after each gateway's first report\n"
-    "  --name TEXT       sys_name; %d becomes the index, %% a '%' (default sim-gw-%d)\n"
+    "  --name TEXT       sys_name (frb: name=); %d becomes the index, %% a '%'\n"
+    "                    (default sim-gw-%d; sim-frb-%d for --family frb)\n"
     "  --grpname TEXT    group name (default empty)\n"
     "  --version TEXT    firmware version (default V1.0.0)\n"
     "  --users N         current_users (default 3)\n"
@@ -84,7 +99,8 @@ const char USAGE[] =
     "  --maxflow N       max_flowcont (default 10000; 0 = no limit)\n"
     "\n"
     "Answers\n"
-    "  --cpurate N       cpurate in answers to tag=cpuinfo (default 5)\n"
+    "  --cpurate N       cpurate in answers to tag=cpuinfo (default 5); frb: the base of\n"
+    "                    the cpurate= of the reports\n"
     "  --no-answer       receive and print commands but never reply\n"
     "  --quiet           print only password resets and application starts (one line each)\n"
     "  --linger S        keep answering S seconds after the last report (default 1)\n"
@@ -110,12 +126,31 @@ const char USAGE[] =
     "  --echo N          send N echoes (1009, 29 to 1023 bytes) per gateway after its\n"
     "                    first ping; they must come back byte for byte (default 0)\n"
     "\n"
+    "Firmware upgrades (gw: the upgrade socket, each gateway announcing itself from the\n"
+    "socket it reports from; frb: orders and reports on the device port)\n"
+    "  --upgrade-port P  daemon upgrade port; enables the role for gateways (default off;\n"
+    "                    the daemon's default port is 24566)\n"
+    "  --announce S      each gateway announces itself (10010) every S seconds (default 5;\n"
+    "                    the daemon forgets an appliance silent for 300 s), the round\n"
+    "                    spread evenly over the S seconds\n"
+    "  --announce-rate R R announcements per second in total instead (with --load, 0\n"
+    "                    means as fast as the socket takes them)\n"
+    "  --announces N     send exactly N rounds of announcements (default 0: no limit)\n"
+    "  --upgrade-time S  seconds from an order to its end (default 1); the progress\n"
+    "                    report (10012; frb: a log= without fail=) goes at once\n"
+    "  --upgrade-version TEXT  version reported on success (10013 last_ver, frb new_ver=;\n"
+    "                    default V2.0.0); the appliance's later reports carry it\n"
+    "  --upgrade-fail R  fraction 0..1 of the answered orders that end in failure\n"
+    "                    (10014 with a quoted text; frb: fail=1; default 0)\n"
+    "  --upgrade-silent R  fraction 0..1 of the orders never answered (default 0)\n"
+    "\n"
     "Modes\n"
     "  --load            load generator: shared socket, paced sendmmsg loop, then one line\n"
     "                    sent=N answered=N lost=N rate=R/s elapsed=S\n"
     "                    (lost: the daemon socket's kernel drop counter, from /proc/net/udp);\n"
     "                    with --backup-port the line goes on with pings=N ping_lost=N and\n"
-    "                    the backup counters below\n"
+    "                    the backup counters below; with --upgrade-port, announces=N\n"
+    "                    announce_lost=N and the upgrade counters below\n"
     "  --raw HEX         send one datagram given as hex bytes and exit\n"
     "  --bad             send a fixed set of malformed datagrams once and exit\n"
     "  --help            this text\n"
@@ -129,10 +164,19 @@ const char USAGE[] =
     "  <id> appup packet=P port=N -> succ V | fail TEXT       (upgrade order answered)\n"
     "  <id> appstart app_name=A state=S                       (start request; logged back)\n"
     "  <id> echo changed len=N                                (an echo that came back altered)\n"
+    "  <id> upgrade task=T packet=P port=N -> succ V | fail TEXT | silent\n"
+    "                                                         (upgrade order; the end is\n"
+    "                                                         printed when it is sent)\n"
+    "  <id> frb mapping webport=W sshport=S                   (cache appliance; ? on a shared\n"
+    "                                                         socket: the text names no one)\n"
     "At the end, on stderr:\n"
     "  sent=N answered=N replies=N other=N send_errors=N, and with --backup-port\n"
     "  pings=N backups=N backup_fails=N appups=N appup_fails=N appstarts=N\n"
-    "  echoes=SENT/BACK echo_bad=N\n";
+    "  echoes=SENT/BACK echo_bad=N; with --upgrade-port (announces=N) or --family frb\n"
+    "  (frb_mappings=N) up_orders=N up_succ=N up_fail=N up_silent=N up_inflight=N\n"
+    "  up_inflight_max=N up_reports=N up_oks=N (in flight: orders not yet ended, silent\n"
+    "  ones included; reports: progress and ends sent, each once; oks: the daemon's\n"
+    "  answers to them, gw only)\n";
 
 [[noreturn]] __attribute__((format(printf, 1, 2))) void die(const char* fmt, ...)
 {
@@ -171,11 +215,15 @@ double parse_double(const char* opt, const char* text, double lo, double hi)
     return v;
 }
 
+enum class family { GW, FRB };
+
 struct options {
     std::string host = "127.0.0.1";
     int port = CLOUD_DEVICE_PORT;
+    family fam = family::GW;
     long count = 10;
     std::string prefix = "SIM";
+    bool prefix_given = false;
     long first = 1;
     double rate = -1;  // below 0: each gateway every interval
     double interval = 10;
@@ -185,6 +233,7 @@ struct options {
     bool lnglat = false;
     bool key = false;
     std::string name = "sim-gw-%d";
+    bool name_given = false;
     std::string grpname;
     std::string version = "V1.0.0";
     uint32_t users = 3, maxusers = 100, flow = 150, maxflow = 10000;
@@ -208,6 +257,15 @@ struct options {
     double appup_fail = 0;
     long apps = 0;
     long echo = 0;
+    int upgrade_port = 0;  // 0: no firmware-upgrade role for gateways
+    double announce = 5;
+    bool announce_given = false;
+    double announce_rate = -1;  // below 0: each gateway every announce interval
+    long announces = 0;
+    double upgrade_time = 1;
+    std::string upgrade_version = "V2.0.0";
+    double upgrade_fail = 0;
+    double upgrade_silent = 0;
 };
 
 options parse_args(int argc, char** argv)
@@ -216,7 +274,8 @@ options parse_args(int argc, char** argv)
         O_HOST = 256, O_PORT, O_COUNT, O_PREFIX, O_FIRST, O_RATE, O_INTERVAL, O_DURATION, O_REPORTS, O_TYPE,
         O_LNGLAT, O_KEY, O_NAME, O_GRPNAME, O_VERSION, O_USERS, O_MAXUSERS, O_FLOW, O_MAXFLOW, O_CPURATE,
         O_SHARED, O_NOANSWER, O_QUIET, O_LOAD, O_RAW, O_BAD, O_LINGER, O_HELP, O_BPORT, O_BDIR, O_PING,
-        O_PINGRATE, O_PINGS, O_BFAIL, O_BNAMED, O_AFAIL, O_APPS, O_ECHO,
+        O_PINGRATE, O_PINGS, O_BFAIL, O_BNAMED, O_AFAIL, O_APPS, O_ECHO, O_FAMILY, O_UPORT, O_ANNOUNCE,
+        O_ANNRATE, O_ANNOUNCES, O_UTIME, O_UVERSION, O_UFAIL, O_USILENT,
     };
     static const option longopts[] = {
         {"host", required_argument, nullptr, O_HOST},
@@ -257,6 +316,15 @@ options parse_args(int argc, char** argv)
         {"appup-fail", required_argument, nullptr, O_AFAIL},
         {"apps", required_argument, nullptr, O_APPS},
         {"echo", required_argument, nullptr, O_ECHO},
+        {"family", required_argument, nullptr, O_FAMILY},
+        {"upgrade-port", required_argument, nullptr, O_UPORT},
+        {"announce", required_argument, nullptr, O_ANNOUNCE},
+        {"announce-rate", required_argument, nullptr, O_ANNRATE},
+        {"announces", required_argument, nullptr, O_ANNOUNCES},
+        {"upgrade-time", required_argument, nullptr, O_UTIME},
+        {"upgrade-version", required_argument, nullptr, O_UVERSION},
+        {"upgrade-fail", required_argument, nullptr, O_UFAIL},
+        {"upgrade-silent", required_argument, nullptr, O_USILENT},
         {nullptr, 0, nullptr, 0},
     };
     options o;
@@ -268,7 +336,7 @@ options parse_args(int argc, char** argv)
         case O_HOST: o.host = optarg; break;
         case O_PORT: o.port = static_cast<int>(parse_long("--port", optarg, 1, 65535)); break;
         case O_COUNT: o.count = parse_long("--count", optarg, 1, 1000000); break;
-        case O_PREFIX: o.prefix = optarg; break;
+        case O_PREFIX: o.prefix = optarg; o.prefix_given = true; break;
         case O_FIRST: o.first = parse_long("--first", optarg, 0, 99999999999L); break;
         case O_RATE: o.rate = parse_double("--rate", optarg, 0, 1e8); break;
         case O_INTERVAL: o.interval = parse_double("--interval", optarg, 0.001, 86400); break;
@@ -283,7 +351,7 @@ options parse_args(int argc, char** argv)
         }
         case O_LNGLAT: o.lnglat = true; break;
         case O_KEY: o.key = true; break;
-        case O_NAME: o.name = optarg; break;
+        case O_NAME: o.name = optarg; o.name_given = true; break;
         case O_GRPNAME: o.grpname = optarg; break;
         case O_VERSION: o.version = optarg; break;
         case O_USERS: o.users = static_cast<uint32_t>(parse_long("--users", optarg, 0, U32)); break;
@@ -308,6 +376,25 @@ options parse_args(int argc, char** argv)
         case O_AFAIL: o.appup_fail = parse_double("--appup-fail", optarg, 0, 1); break;
         case O_APPS: o.apps = parse_long("--apps", optarg, 0, 1000); break;
         case O_ECHO: o.echo = parse_long("--echo", optarg, 0, 100000); break;
+        case O_FAMILY:
+            if (std::strcmp(optarg, "gw") == 0)
+                o.fam = family::GW;
+            else if (std::strcmp(optarg, "frb") == 0)
+                o.fam = family::FRB;
+            else
+                die("--family must be gw or frb, not '%s'", optarg);
+            break;
+        case O_UPORT: o.upgrade_port = static_cast<int>(parse_long("--upgrade-port", optarg, 1, 65535)); break;
+        case O_ANNOUNCE:
+            o.announce = parse_double("--announce", optarg, 0.001, 86400);
+            o.announce_given = true;
+            break;
+        case O_ANNRATE: o.announce_rate = parse_double("--announce-rate", optarg, 0, 1e8); break;
+        case O_ANNOUNCES: o.announces = parse_long("--announces", optarg, 0, 1000000000L); break;
+        case O_UTIME: o.upgrade_time = parse_double("--upgrade-time", optarg, 0, 86400); break;
+        case O_UVERSION: o.upgrade_version = optarg; break;
+        case O_UFAIL: o.upgrade_fail = parse_double("--upgrade-fail", optarg, 0, 1); break;
+        case O_USILENT: o.upgrade_silent = parse_double("--upgrade-silent", optarg, 0, 1); break;
         case 'h':
         case O_HELP: std::fputs(USAGE, stdout); std::exit(0);
         default: std::fputs("vtsim: try --help\n", stderr); std::exit(2);
@@ -315,6 +402,15 @@ options parse_args(int argc, char** argv)
     }
     if (optind < argc)
         die("unexpected argument '%s' (try --help)", argv[optind]);
+    if (o.fam == family::FRB) {
+        if (!o.prefix_given)
+            o.prefix = "FRB";
+        if (!o.name_given)
+            o.name = "sim-frb-%d";
+        if (o.type != 0 || o.lnglat || o.key || o.backup_port != 0 || o.upgrade_port != 0)
+            die("--type, --lnglat, --key, --backup-port and --upgrade-port are gateway options; cache "
+                "appliances take their upgrade orders on the device port");
+    }
     if (!host_is_loopback(o.host.c_str(), nullptr))
         die("--host '%s' refused: only dotted IPv4 addresses inside 127.0.0.0/8 (this machine) are allowed",
             o.host.c_str());
@@ -334,6 +430,14 @@ options parse_args(int argc, char** argv)
         die("--backup-port needs --backup-dir (the daemon's /usr/logdata/vtconf)");
     if (o.ping_rate == 0 && !o.load)
         die("--ping-rate 0 (unpaced) is for --load only");
+    bool upgrade_opts = o.announce_given || o.announce_rate >= 0 || o.announces > 0 || o.upgrade_fail > 0 ||
+                        o.upgrade_silent > 0 || o.upgrade_time != 1 || o.upgrade_version != "V2.0.0";
+    if (o.fam == family::GW && o.upgrade_port == 0 && upgrade_opts)
+        die("the upgrade options need --upgrade-port (or --family frb)");
+    if (o.fam == family::FRB && (o.announce_given || o.announce_rate >= 0 || o.announces > 0))
+        die("cache appliances do not announce themselves: --announce* are gateway options");
+    if (o.announce_rate == 0 && !o.load)
+        die("--announce-rate 0 (unpaced) is for --load only");
     return o;
 }
 
@@ -379,86 +483,55 @@ void raise_nofile(long want)
     }
 }
 
-// One paced stream of datagrams, one per gateway and round: the status
-// reports, or the pings of the backup role.
-struct pacer {
-    uint64_t n = 1;           // gateways
-    double round_period = 0;  // seconds between round starts
-    double spacing = 0;       // seconds between datagrams inside a round
-    bool unpaced = false;
-    uint64_t limit = 0;  // datagrams in all; 0: the stream is off
-    uint64_t seq = 0;    // the next one to send
-
-    bool done() const { return seq >= limit; }
-
-    // When datagram Q (round Q/n, gateway Q%n) is due.
-    double due(uint64_t q) const
-    {
-        if (unpaced)
-            return 0;
-        return static_cast<double>(q / n) * round_period + static_cast<double>(q % n) * spacing;
-    }
-};
-
-// RATE per second in total (0: unpaced), or below 0 each gateway every
-// INTERVAL seconds, a round spread evenly at most 1 ms apart; ROUNDS rounds
-// (0: no limit).
-pacer make_pacer(uint64_t n, double rate, double interval, long rounds)
-{
-    pacer p;
-    p.n = n;
-    double dn = static_cast<double>(n);
-    if (rate > 0) {
-        p.spacing = 1.0 / rate;
-        p.round_period = dn / rate;
-    } else if (rate == 0) {
-        p.unpaced = true;
-    } else {
-        p.round_period = interval;
-        p.spacing = std::min(interval / dn, 0.001);
-    }
-    p.limit = rounds > 0 ? static_cast<uint64_t>(rounds) * n : UINT64_MAX;
-    return p;
-}
-
-// The stream whose next datagram is due first, or null when both are done;
-// on a tie (unpaced streams) the one that sent fewer.
-pacer* earliest(pacer& a, pacer& b)
-{
-    if (a.done())
-        return b.done() ? nullptr : &b;
-    if (b.done())
-        return &a;
-    double da = a.due(a.seq), db = b.due(b.seq);
-    if (da != db)
-        return db < da ? &b : &a;
-    return b.seq < a.seq ? &b : &a;
-}
-
 struct gateway {
     std::string id;
     long index = 0;
     int fd = -1;  // own socket, or the shared one
-    devinfo_recv_bps_t tmpl{};
+    devinfo_recv_bps_t tmpl{};  // gw
+    frb_report frb;             // frb
     cloud_ping_t ping{};
+    cloud_ping_t announce{};
+};
+
+// An upgrade that ends at DUE (seconds of elapsed time).
+struct upgrade_job {
+    double due;
+    size_t gw;  // position in sim::gw
+    upgrade_order order;
+    bool fail;
 };
 
 struct sim {
     options o;
     sockaddr_in dst{};   // device port
     sockaddr_in bdst{};  // backup port
+    sockaddr_in udst{};  // upgrade port
     std::vector<gateway> gw;
     int shared_fd = -1;
     double t0 = 0;
-    pacer status, ping;
+    streams_t streams;
+    pacer& status = streams[S_STATUS];
+    pacer& ping = streams[S_PING];
+    pacer& announce = streams[S_ANNOUNCE];
     std::atomic<uint64_t> sent{0}, answered{0}, replies{0}, other{0}, send_errors{0};
     std::atomic<bool> send_error_shown{false};
     // Backup role. The orders are counted to pick the failures.
     std::atomic<uint64_t> pings{0}, backup_orders{0}, backups{0}, backup_fails{0}, appup_orders{0}, appups{0},
         appup_fails{0}, appstarts{0}, echo_sent{0}, echo_back{0}, echo_bad{0};
+    // Upgrade role. Orders are counted to pick the silent ones, answered
+    // orders to pick the failures. Jobs, and the counts of what is in
+    // flight, belong to the thread that receives.
+    std::atomic<uint64_t> announces{0}, up_orders{0}, up_answered{0}, up_succ{0}, up_fail{0}, up_silent{0},
+        up_reports{0}, up_oks{0}, frb_mappings{0};
+    std::atomic<int64_t> up_inflight{0}, up_inflight_max{0};
+    std::deque<upgrade_job> jobs;  // in order of DUE: every upgrade takes as long
+    // Set once a gateway's upgrade succeeded: its reports carry the new version.
+    std::unique_ptr<std::atomic<bool>[]> upgraded;
 
     double elapsed() const { return now_sec() - t0; }
-    bool finished() const { return status.done() && ping.done(); }
+    bool finished() const { return status.done() && ping.done() && announce.done(); }
+    bool frb() const { return o.fam == family::FRB; }
+    bool upgrade_role() const { return o.upgrade_port != 0 || frb(); }
 
     int send_to(int fd, const sockaddr_in& to, const void* buf, size_t len)
     {
@@ -471,6 +544,12 @@ struct sim {
     }
     int send_to_daemon(int fd, const void* buf, size_t len) { return send_to(fd, dst, buf, len); }
     int send_to_backup(int fd, const void* buf, size_t len) { return send_to(fd, bdst, buf, len); }
+    int send_to_upgrade(int fd, const void* buf, size_t len) { return send_to(fd, udst, buf, len); }
+    int send_frb(int fd, const std::string& text)
+    {
+        cldarg_t c = build_frb(text);
+        return send_to_daemon(fd, &c, sizeof(c));
+    }
 
     void note_send_error(int err, uint64_t n)
     {
@@ -489,7 +568,41 @@ struct sim {
                kv("appup_fails", appup_fails) + kv("appstarts", appstarts) + " echoes=" +
                std::to_string(echo_sent) + "/" + std::to_string(echo_back) + kv("echo_bad", echo_bad);
     }
+
+    // The upgrade counters, " key=value" each; empty without the role.
+    std::string upgrade_counters() const
+    {
+        if (!upgrade_role())
+            return {};
+        auto kv = [](const char* k, long long v) { return std::string(" ") + k + "=" + std::to_string(v); };
+        return kv("up_orders", up_orders) + kv("up_succ", up_succ) + kv("up_fail", up_fail) +
+               kv("up_silent", up_silent) + kv("up_inflight", up_inflight) + kv("up_inflight_max", up_inflight_max) +
+               kv("up_reports", up_reports) + kv("up_oks", up_oks);
+    }
 };
+
+// The fixed part of cache appliance INDEX's reports. Every appliance's
+// service ends 2 to 60 days from now, so that a fleet of 30 or more has
+// some that expire within a week.
+frb_report frb_template(const options& o, long index)
+{
+    frb_report r;
+    r.id = make_ident(o.prefix, index);
+    r.by_key = index % 2 == 0;
+    r.cpu = "x86-64-" + std::to_string(2 << (index % 3)) + "c";
+    r.board = "sim-board-" + std::to_string(index % 3 + 1);
+    r.mem = std::to_string(8 << (index % 2)) + "G";
+    r.boot = static_cast<uint32_t>(3600 + (index % 1000) * 60);
+    r.name = expand_name(o.name, index);
+    r.ver = o.version;
+    r.bdw = static_cast<unsigned>(100 + index % 900);
+    r.start = 1704067200;  // 2024-01-01
+    r.end = static_cast<uint32_t>(std::time(nullptr)) + static_cast<uint32_t>(index % 30 + 1) * 2 * 86400;
+    r.flow = o.flow;
+    r.diskio = "sda:r" + std::to_string(10 + index % 7) + "w" + std::to_string(3 + index % 5) + ",sdb:r1w0";
+    r.pused = "/:41%,/data:" + std::to_string(index % 90) + "%";
+    return r;
+}
 
 void setup_gateways(sim& s)
 {
@@ -516,6 +629,12 @@ void setup_gateways(sim& s)
                 std::exit(2);
             }
         }
+        g.ping = build_ping(g.id);
+        g.announce = build_ping(g.id, VTR_UP_ANNOUNCE);
+        if (s.frb()) {
+            g.frb = frb_template(o, g.index);
+            continue;
+        }
         status_params p;
         p.id = g.id;
         p.devid = static_cast<uint16_t>(g.index & 0xffff);
@@ -533,13 +652,15 @@ void setup_gateways(sim& s)
         p.temp = static_cast<uint16_t>(40 + g.index % 25);
         p.grpname = o.grpname;
         g.tmpl = build_status(p);
-        g.ping = build_ping(g.id);
     }
+    s.upgraded = std::make_unique<std::atomic<bool>[]>(s.gw.size());
     s.dst.sin_family = AF_INET;
     s.dst.sin_port = htons(static_cast<uint16_t>(o.port));
     host_is_loopback(o.host.c_str(), &s.dst.sin_addr);
     s.bdst = s.dst;
     s.bdst.sin_port = htons(static_cast<uint16_t>(o.backup_port));
+    s.udst = s.dst;
+    s.udst.sin_port = htons(static_cast<uint16_t>(o.upgrade_port));
 
     uint64_t n = static_cast<uint64_t>(o.count);
     s.status = make_pacer(n, o.rate, o.interval, o.reports);
@@ -547,6 +668,18 @@ void setup_gateways(sim& s)
         s.ping = make_pacer(n, o.ping_rate, o.ping, o.pings);
     else
         s.ping.limit = 0;
+    // Appliances announce themselves on their own clocks: a freed upgrade
+    // slot goes to whichever waiting one speaks next, so the announcements
+    // are spread over the whole interval, not sent in bursts.
+    if (o.upgrade_port != 0)
+        s.announce = make_pacer(n, o.announce_rate, o.announce, o.announces, true);
+    else
+        s.announce.limit = 0;
+}
+
+bool upgraded(const sim& s, const gateway& g)
+{
+    return s.upgraded[static_cast<size_t>(g.index - s.o.first)].load(std::memory_order_relaxed);
 }
 
 // Report SEQ of gateway G, ready to send.
@@ -562,12 +695,37 @@ void fill_status(const sim& s, const gateway& g, uint64_t seq, devinfo_recv_bps_
     uint64_t wobble = (static_cast<uint64_t>(g.index) * 7 + round * 13) % 50;
     d.upbps = 100000 * (1 + wobble);
     d.downbps = 4 * d.upbps;
+    if (upgraded(s, g)) {
+        std::memset(d.version, 0, sizeof(d.version));
+        put_str(d.version, sizeof(d.version), s.o.upgrade_version);
+    }
+}
+
+// Report SEQ of cache appliance G: the fixed part with this round's figures.
+void fill_frb(const sim& s, const gateway& g, uint64_t seq, cldarg_t& d)
+{
+    uint64_t round = seq / s.gw.size();
+    uint64_t wobble = (static_cast<uint64_t>(g.index) * 7 + round * 13) % 50;
+    frb_report r = g.frb;
+    r.cpurate = static_cast<unsigned>(std::min<uint64_t>(100, static_cast<uint64_t>(s.o.cpurate) + wobble % 20));
+    r.boot += static_cast<uint32_t>(s.elapsed());
+    r.bpsout = 200000 * (1 + wobble);
+    r.bpsin = 3 * r.bpsout;
+    r.flow += static_cast<uint32_t>(wobble);
+    if (upgraded(s, g))
+        r.ver = s.o.upgrade_version;
+    d = build_frb(frb_report_text(r));
 }
 
 // Coordinates and key follow a gateway's first report, once the daemon can
-// know the identifier.
+// know the identifier; a cache appliance's verification string follows its
+// first report.
 void send_extras(sim& s, const gateway& g)
 {
+    if (s.frb()) {
+        s.send_frb(g.fd, frb_pwd_text(g.id, fake_md5(g.id)));
+        return;
+    }
     if (s.o.lnglat) {
         double k = static_cast<double>(g.index % 1000);
         auto d = build_lnglat(g.id, 116.30 + k * 0.001, 39.90 + k * 0.0005);
@@ -605,12 +763,27 @@ void send_ping_extras(sim& s, const gateway& g, uint64_t seq)
 void send_one(sim& s, uint64_t seq)
 {
     gateway& g = s.gw[seq % s.gw.size()];
-    devinfo_recv_bps_t d;
-    fill_status(s, g, seq, d);
-    if (s.send_to_daemon(g.fd, &d, sizeof(d)) == 0)
+    int rc;
+    if (s.frb()) {
+        cldarg_t d;
+        fill_frb(s, g, seq, d);
+        rc = s.send_to_daemon(g.fd, &d, sizeof(d));
+    } else {
+        devinfo_recv_bps_t d;
+        fill_status(s, g, seq, d);
+        rc = s.send_to_daemon(g.fd, &d, sizeof(d));
+    }
+    if (rc == 0)
         s.sent++;
     if (seq < s.gw.size())
         send_extras(s, g);
+}
+
+void send_announce(sim& s, uint64_t seq)
+{
+    const gateway& g = s.gw[seq % s.gw.size()];
+    if (s.send_to_upgrade(g.fd, &g.announce, sizeof(g.announce)) == 0)
+        s.announces++;
 }
 
 void send_ping(sim& s, uint64_t seq)
@@ -733,6 +906,110 @@ void answer_appstart(sim& s, const gateway& g, const std::string& text)
     }
 }
 
+enum class up_report { PROGRESS, SUCC, FAIL };
+
+// A report on an upgrade: a record on the upgrade socket for a gateway, a
+// text on the device port for a cache appliance. The failure text carries
+// quotes, as appliances write them. A report is sent once: one that is
+// lost leaves its row started until the daemon gives it up, and shows as
+// up_oks below up_reports.
+void send_upgrade_report(sim& s, const gateway& g, const upgrade_order& o, up_report what)
+{
+    const std::string& ver = s.o.upgrade_version;
+    if (s.frb()) {
+        std::string text;
+        switch (what) {
+        case up_report::PROGRESS: text = frb_upgrade_text(g.id, o.task, "downloading_" + o.packet, "", -1); break;
+        case up_report::SUCC: text = frb_upgrade_text(g.id, o.task, "upgrade_ok", ver, 0); break;
+        case up_report::FAIL: text = frb_upgrade_text(g.id, o.task, "md5_mismatch", "", 1); break;
+        }
+        if (s.send_frb(g.fd, text) == 0)
+            s.up_reports++;
+        return;
+    }
+    const auto task = static_cast<uint16_t>(o.task);
+    cloud_upgrade_log_t d;
+    switch (what) {
+    case up_report::PROGRESS:
+        d = build_upgrade_log(VTR_UP_PROGRESS, task, g.id, "", "downloading " + o.packet + " from port " +
+                                                                  std::to_string(o.port));
+        break;
+    case up_report::SUCC: d = build_upgrade_log(VTR_UP_SUCC, task, g.id, ver, "upgrade ok " + ver); break;
+    case up_report::FAIL:
+        d = build_upgrade_log(VTR_UP_FAIL, task, g.id, "", "md5 mismatch in '" + o.packet + "', it's \\ corrupt");
+        break;
+    }
+    if (s.send_to_upgrade(g.fd, &d, sizeof(d)) == 0)
+        s.up_reports++;
+}
+
+void print_upgrade(const sim& s, const gateway& g, const upgrade_order& o, const std::string& outcome)
+{
+    if (!s.o.quiet)
+        std::printf("%s upgrade task=%ld packet=%s port=%ld -> %s\n", g.id.c_str(), o.task, printable(o.packet).c_str(),
+                    o.port, outcome.c_str());
+}
+
+// An upgrade order for the appliance at position POS: the progress report
+// goes at once and the end after --upgrade-time, unless the order is one
+// of the silent fraction, which stays in flight for good.
+void take_order(sim& s, size_t pos, const upgrade_order& o)
+{
+    const gateway& g = s.gw[pos];
+    uint64_t n = s.up_orders++;
+    int64_t in_flight = ++s.up_inflight;
+    if (in_flight > s.up_inflight_max)
+        s.up_inflight_max = in_flight;
+    if (pick(s.o.upgrade_silent, n)) {
+        s.up_silent++;
+        print_upgrade(s, g, o, "silent");
+        return;
+    }
+    bool fail = pick(s.o.upgrade_fail, s.up_answered++);
+    send_upgrade_report(s, g, o, up_report::PROGRESS);
+    s.jobs.push_back({s.elapsed() + s.o.upgrade_time, pos, o, fail});
+}
+
+// Ends the upgrades that are due.
+void end_upgrades(sim& s)
+{
+    double now = s.elapsed();
+    while (!s.jobs.empty() && s.jobs.front().due <= now) {
+        upgrade_job j = std::move(s.jobs.front());
+        s.jobs.pop_front();
+        const gateway& g = s.gw[j.gw];
+        send_upgrade_report(s, g, j.order, j.fail ? up_report::FAIL : up_report::SUCC);
+        s.up_inflight--;
+        if (j.fail) {
+            s.up_fail++;
+            print_upgrade(s, g, j.order, "fail md5 mismatch");
+        } else {
+            s.up_succ++;
+            s.upgraded[j.gw] = true;
+            print_upgrade(s, g, j.order, "succ " + printable(s.o.upgrade_version));
+        }
+    }
+}
+
+// A text from the daemon to a cache appliance: a mapping instruction, an
+// upgrade order, or anything else (printed).
+void handle_frb(sim& s, const gateway* g, const std::string& who, const std::string& text)
+{
+    s.answered++;
+    upgrade_order order;
+    if (text.rfind("mapping=", 0) == 0) {
+        s.frb_mappings++;
+        if (!s.o.quiet)
+            std::printf("%s frb mapping webport=%s sshport=%s\n", who.c_str(),
+                        printable(token_value(text, "webport")).c_str(),
+                        printable(token_value(text, "sshport")).c_str());
+    } else if (frb_order(text, order) && g != nullptr) {
+        take_order(s, static_cast<size_t>(g - s.gw.data()), order);
+    } else if (!s.o.quiet) {
+        std::printf("%s frb %s\n", who.c_str(), printable(text).c_str());
+    }
+}
+
 // One datagram received on socket FD; OWNER is the socket's gateway, or
 // null for the shared socket (then the datagram's identifier decides).
 void handle(sim& s, const gateway* owner, const uint8_t* buf, size_t len)
@@ -792,6 +1069,27 @@ void handle(sim& s, const gateway* owner, const uint8_t* buf, size_t len)
             std::printf("%s echo changed len=%zu\n", who.c_str(), len);
         }
         break;
+    case incoming::UPGRADE_ORDER:
+        if (g == nullptr || s.o.upgrade_port == 0) {
+            s.other++;
+            if (!s.o.quiet)
+                std::printf("%s other len=%zu type=%u\n", who.c_str(), len, in.type);
+        } else {
+            take_order(s, static_cast<size_t>(g - s.gw.data()), gw_order(in.upgrade));
+        }
+        break;
+    case incoming::ACK:
+        if (s.o.upgrade_port != 0)
+            s.up_oks++;
+        else
+            s.other++;
+        break;
+    case incoming::FRB_TEXT:
+        if (s.frb()) {
+            handle_frb(s, g, who, in.text);
+            break;
+        }
+        [[fallthrough]];
     case incoming::OTHER:
         s.other++;
         if (!s.o.quiet)
@@ -845,6 +1143,7 @@ void wait_and_handle(sim& s, int ep, int timeout_ms)
         else
             drain(s, s.gw[tag].fd, &s.gw[tag]);
     }
+    end_upgrades(s);
 }
 
 // Waits for answers until DEADLINE (seconds of elapsed time) or a signal.
@@ -867,18 +1166,23 @@ int run_normal(sim& s)
         if (s.o.duration > 0 && now >= s.o.duration)
             break;
         for (int n = 0; n < 256; n++) {
-            pacer* p = earliest(s.status, s.ping);
-            if (p == nullptr || p->due(p->seq) > now)
+            int k = earliest(s.streams);
+            if (k < 0 || s.streams[k].due(s.streams[k].seq) > now)
                 break;
-            if (p == &s.status)
-                send_one(s, s.status.seq++);
+            uint64_t seq = s.streams[k].seq++;
+            if (k == S_STATUS)
+                send_one(s, seq);
+            else if (k == S_PING)
+                send_ping(s, seq);
             else
-                send_ping(s, s.ping.seq++);
+                send_announce(s, seq);
         }
-        pacer* p = earliest(s.status, s.ping);
-        double wait = p != nullptr ? p->due(p->seq) - s.elapsed() : 0;
+        int k = earliest(s.streams);
+        double wait = k >= 0 ? s.streams[k].due(s.streams[k].seq) - s.elapsed() : 0;
         if (s.o.duration > 0)
             wait = std::min(wait, s.o.duration - s.elapsed());
+        if (!s.jobs.empty())
+            wait = std::min(wait, s.jobs.front().due - s.elapsed());
         wait = std::clamp(wait, 0.0, 0.1);
         wait_and_handle(s, ep, static_cast<int>(std::ceil(wait * 1000)));
     }
@@ -893,6 +1197,12 @@ int run_normal(sim& s)
     if (s.o.backup_port != 0)
         std::fprintf(stderr, "vtsim: pings=%llu%s\n", static_cast<unsigned long long>(s.pings.load()),
                      s.backup_counters().c_str());
+    if (s.o.upgrade_port != 0)
+        std::fprintf(stderr, "vtsim: announces=%llu%s\n", static_cast<unsigned long long>(s.announces.load()),
+                     s.upgrade_counters().c_str());
+    else if (s.frb())
+        std::fprintf(stderr, "vtsim: frb_mappings=%llu%s\n", static_cast<unsigned long long>(s.frb_mappings.load()),
+                     s.upgrade_counters().c_str());
     return 0;
 }
 
@@ -926,7 +1236,7 @@ long long drops_since(long long before, int port)
 
 int run_load(sim& s)
 {
-    bool pinging = !s.ping.done();
+    bool pinging = !s.ping.done(), announcing = !s.announce.done();
     long long drops_before = port_drops(s.o.port);
     if (drops_before < 0)
         std::fprintf(stderr, "vtsim: no socket on UDP port %d in /proc/net/udp; lost is reported as 0\n", s.o.port);
@@ -934,6 +1244,10 @@ int run_load(sim& s)
     if (pinging && ping_drops_before < 0)
         std::fprintf(stderr, "vtsim: no socket on UDP port %d in /proc/net/udp; ping_lost is reported as 0\n",
                      s.o.backup_port);
+    long long announce_drops_before = announcing ? port_drops(s.o.upgrade_port) : -1;
+    if (announcing && announce_drops_before < 0)
+        std::fprintf(stderr, "vtsim: no socket on UDP port %d in /proc/net/udp; announce_lost is reported as 0\n",
+                     s.o.upgrade_port);
 
     std::atomic<bool> recv_stop{false};
     int ep = make_epoll(s);
@@ -945,14 +1259,15 @@ int run_load(sim& s)
             wait_and_handle(s, ep, 20);
     });
 
-    // A batch interleaves both streams in the order they fall due; a slot
+    // A batch interleaves the streams in the order they fall due; a slot
     // remembers its stream and number, so that a short send moves each
     // stream on by what actually went out.
     constexpr unsigned BATCH = 64;
     struct slot {
-        bool ping;
+        int stream;
         uint64_t seq;
         devinfo_recv_bps_t st;
+        cldarg_t text;
     };
     static slot slots[BATCH];
     iovec iov[BATCH];
@@ -969,19 +1284,26 @@ int run_load(sim& s)
         double now = s.elapsed();
         if (s.o.duration > 0 && now >= s.o.duration)
             break;
-        pacer st = s.status, pg = s.ping;  // moved on as the batch fills
+        streams_t st = s.streams;  // moved on as the batch fills
         unsigned n = 0;
         for (; n < BATCH; n++) {
-            pacer* p = earliest(st, pg);
-            if (p == nullptr || p->due(p->seq) > now)
+            int k = earliest(st);
+            if (k < 0 || st[k].due(st[k].seq) > now)
                 break;
             slot& sl = slots[n];
-            sl.ping = p == &pg;
-            sl.seq = p->seq++;
+            sl.stream = k;
+            sl.seq = st[k].seq++;
             const gateway& g = s.gw[sl.seq % s.gw.size()];
-            if (sl.ping) {
+            if (k == S_PING) {
                 iov[n] = {const_cast<cloud_ping_t*>(&g.ping), sizeof(g.ping)};
                 msgs[n].msg_hdr.msg_name = &s.bdst;
+            } else if (k == S_ANNOUNCE) {
+                iov[n] = {const_cast<cloud_ping_t*>(&g.announce), sizeof(g.announce)};
+                msgs[n].msg_hdr.msg_name = &s.udst;
+            } else if (s.frb()) {
+                fill_frb(s, g, sl.seq, sl.text);
+                iov[n] = {&sl.text, sizeof(sl.text)};
+                msgs[n].msg_hdr.msg_name = &s.dst;
             } else {
                 fill_status(s, g, sl.seq, sl.st);
                 iov[n] = {&sl.st, sizeof(sl.st)};
@@ -991,8 +1313,8 @@ int run_load(sim& s)
         if (n == 0) {
             // Sleep through most of the gap, spin the last stretch so that
             // the pacing stays even at high rates.
-            pacer* p = earliest(s.status, s.ping);
-            double gap = p->due(p->seq) - s.elapsed();
+            const pacer& p = s.streams[earliest(s.streams)];
+            double gap = p.due(p.seq) - s.elapsed();
             if (s.o.duration > 0)
                 gap = std::min(gap, s.o.duration - s.elapsed());
             if (gap > 300e-6) {
@@ -1016,12 +1338,14 @@ int run_load(sim& s)
         for (int i = 0; i < k; i++) {
             const slot& sl = slots[i];
             const gateway& g = s.gw[sl.seq % s.gw.size()];
-            pacer& p = sl.ping ? s.ping : s.status;
-            p.seq = sl.seq + 1;
-            if (sl.ping) {
+            s.streams[sl.stream].seq = sl.seq + 1;
+            if (sl.stream == S_PING) {
                 if (!given_up)
                     s.pings++;
                 send_ping_extras(s, g, sl.seq);
+            } else if (sl.stream == S_ANNOUNCE) {
+                if (!given_up)
+                    s.announces++;
             } else {
                 if (!given_up)
                     s.sent++;
@@ -1051,6 +1375,12 @@ int run_load(sim& s)
         extra = " pings=" + std::to_string(s.pings.load()) +
                 " ping_lost=" + std::to_string(pinging ? drops_since(ping_drops_before, s.o.backup_port) : 0) +
                 s.backup_counters();
+    if (s.o.upgrade_port != 0)
+        extra += " announces=" + std::to_string(s.announces.load()) + " announce_lost=" +
+                 std::to_string(announcing ? drops_since(announce_drops_before, s.o.upgrade_port) : 0);
+    else if (s.frb())
+        extra += " frb_mappings=" + std::to_string(s.frb_mappings.load());
+    extra += s.upgrade_counters();
     std::printf("sent=%llu answered=%llu lost=%lld rate=%.0f/s elapsed=%.3f%s\n",
                 static_cast<unsigned long long>(s.sent.load()), static_cast<unsigned long long>(s.answered.load()),
                 lost, rate, elapsed, extra.c_str());

@@ -1,5 +1,7 @@
 // vtsim datagram helpers: builders for what a simulated gateway sends on
-// the device and backup sockets, decoding of what the daemon sends back,
+// the device, backup and upgrade sockets and for the text datagrams of a
+// cache appliance, the pacing of the streams, decoding of what the daemon
+// sends back,
 // identifier and name formatting, the kernel's per-socket drop counter, and
 // the fixed set of malformed datagrams. Header-only so that the unit tests
 // can use it without linking the simulator.
@@ -7,6 +9,8 @@
 
 #include <arpa/inet.h>
 
+#include <algorithm>
+#include <array>
 #include <bit>
 #include <cstddef>
 #include <cstdint>
@@ -20,6 +24,7 @@
 
 #include "backup.h"
 #include "cloud.h"
+#include "upgrade.h"
 
 static_assert(std::endian::native == std::endian::little,
               "the appliance protocol carries integers in little-endian order");
@@ -251,12 +256,14 @@ inline _mapping_port_t build_mapping(std::string_view id, uint16_t web, uint16_t
 // application inventory and echoes.
 // ---------------------------------------------------------------------------
 
-inline cloud_ping_t build_ping(std::string_view id)
+// A ping of the backup socket; with TYPE 10010, an announcement on the
+// upgrade socket (the same layout).
+inline cloud_ping_t build_ping(std::string_view id, uint16_t type = VTR_PING)
 {
     cloud_ping_t d;
     std::memset(&d, 0, sizeof(d));
     put_magic(d.tag);
-    d.type = VTR_PING;
+    d.type = type;
     put_str(d.license_id12, sizeof(d.license_id12), id);
     return d;
 }
@@ -407,15 +414,88 @@ inline bool pick(double rate, uint64_t n)
     return (n + 1) * ppm / 1000000 > n * ppm / 1000000;
 }
 
+// ---------------------------------------------------------------------------
+// Pacing of the streams a simulator sends: status reports, pings and
+// announcements.
+// ---------------------------------------------------------------------------
+
+// One paced stream of datagrams, one per gateway and round: the status
+// reports, the pings of the backup role or the announcements of the
+// upgrade role.
+struct pacer {
+    uint64_t n = 1;           // gateways
+    double round_period = 0;  // seconds between round starts
+    double spacing = 0;       // seconds between datagrams inside a round
+    bool unpaced = false;
+    uint64_t limit = 0;  // datagrams in all; 0: the stream is off
+    uint64_t seq = 0;    // the next one to send
+
+    bool done() const { return seq >= limit; }
+
+    // When datagram Q (round Q/n, gateway Q%n) is due.
+    double due(uint64_t q) const
+    {
+        if (unpaced)
+            return 0;
+        return static_cast<double>(q / n) * round_period + static_cast<double>(q % n) * spacing;
+    }
+};
+
+// RATE per second in total (0: unpaced), or below 0 each gateway every
+// INTERVAL seconds, a round spread evenly at most 1 ms apart (with WHOLE,
+// evenly over the whole interval); ROUNDS rounds (0: no limit).
+inline pacer make_pacer(uint64_t n, double rate, double interval, long rounds, bool whole = false)
+{
+    pacer p;
+    p.n = n;
+    double dn = static_cast<double>(n);
+    if (rate > 0) {
+        p.spacing = 1.0 / rate;
+        p.round_period = dn / rate;
+    } else if (rate == 0) {
+        p.unpaced = true;
+    } else {
+        p.round_period = interval;
+        p.spacing = whole ? interval / dn : std::min(interval / dn, 0.001);
+    }
+    p.limit = rounds > 0 ? static_cast<uint64_t>(rounds) * n : UINT64_MAX;
+    return p;
+}
+
+enum stream_t { S_STATUS, S_PING, S_ANNOUNCE, N_STREAMS };
+using streams_t = std::array<pacer, N_STREAMS>;
+
+// The stream whose next datagram is due first, or -1 when all are done; on
+// a tie (unpaced streams) the one that sent fewer, then the first.
+inline int earliest(const streams_t& st)
+{
+    int best = -1;
+    for (int i = 0; i < N_STREAMS; i++) {
+        const pacer& p = st[i];
+        if (p.done())
+            continue;
+        if (best < 0) {
+            best = i;
+            continue;
+        }
+        const pacer& b = st[best];
+        double dp = p.due(p.seq), db = b.due(b.seq);
+        if (dp < db || (dp == db && p.seq < b.seq))
+            best = i;
+    }
+    return best;
+}
+
 // What came back from the daemon.
 struct incoming {
-    enum kind_t { COMMAND, MAPPING, BACKUP_ORDER, APPUP_ORDER, ECHO, OTHER } kind = OTHER;
+    enum kind_t { COMMAND, MAPPING, BACKUP_ORDER, APPUP_ORDER, ECHO, UPGRADE_ORDER, ACK, FRB_TEXT, OTHER } kind = OTHER;
     uint16_t type = 0;
-    std::string text;     // COMMAND: argstr up to its NUL or the field's end
-    std::string id;       // COMMAND: license_id12= (or licid12=); others: the field
+    std::string text;     // COMMAND, FRB_TEXT: argstr up to its NUL or the field's end
+    std::string id;       // COMMAND, FRB_TEXT: license_id12= (or licid12=); others: the field
     _mapping_port_t map;  // MAPPING only
     cloud_backupinfo_t backup;       // BACKUP_ORDER only
     cloud_appupgradeinfo_t appup;    // APPUP_ORDER only
+    cloud_upgradeinfo_t upgrade;     // UPGRADE_ORDER only
 };
 
 // The value of the first space-separated token KEY=value in TEXT, or empty.
@@ -436,20 +516,158 @@ inline std::string token_value(std::string_view text, std::string_view key)
     return {};
 }
 
-// Only "VTR" datagrams of exactly the sizes the daemon sends are decoded
-// (an echo: any length that holds the ping's head); everything else is
-// OTHER, with its type when the header is complete.
+// ---------------------------------------------------------------------------
+// Upgrade socket: the reports of a firmware upgrade (10012 progress, 10013
+// success with the version now running, 10014 failure).
+// ---------------------------------------------------------------------------
+
+inline cloud_upgrade_log_t build_upgrade_log(uint16_t type, uint16_t task_id, std::string_view id,
+                                             std::string_view last_ver, std::string_view errors)
+{
+    cloud_upgrade_log_t d;
+    std::memset(&d, 0, sizeof(d));
+    put_magic(d.tag);
+    d.type = type;
+    d.task_id = task_id;
+    put_str(d.license_id12, sizeof(d.license_id12), id);
+    put_str(d.last_ver, sizeof(d.last_ver), last_ver);
+    put_str(d.errors, sizeof(d.errors), errors);
+    return d;
+}
+
+// ---------------------------------------------------------------------------
+// Cache appliances: every message is text in the command datagram's frame
+// under the magic "FRB" (type 40000, the text's length at offset 6), sent
+// whole (520 bytes) as the daemon sends its own. The daemon splits the text
+// on blanks into key=value words.
+// ---------------------------------------------------------------------------
+
+constexpr char FRB_MAGIC[] = "FRB";
+
+inline cldarg_t build_frb(std::string_view text)
+{
+    cldarg_t d;
+    std::memset(&d, 0, sizeof(d));
+    std::memcpy(d.tag, FRB_MAGIC, 4);
+    d.type = VTR_CMDARG;
+    put_str(d.argstr, sizeof(d.argstr), text);
+    d.arglen = static_cast<uint16_t>(std::strlen(d.argstr));
+    return d;
+}
+
+// A value as one word: a blank or a control byte would end it early, so
+// each becomes '_'; an empty value stays empty.
+inline std::string frb_word(std::string_view v)
+{
+    std::string out(v);
+    for (char& c : out)
+        if (static_cast<unsigned char>(c) <= ' ' || c == 0x7f)
+            c = '_';
+    return out;
+}
+
+// One status report of a cache appliance, every key the daemon stores.
+struct frb_report {
+    std::string id;
+    bool by_key = false;  // name the appliance with key= instead of license_id12=
+    unsigned cpurate = 0;
+    std::string cpu, board, mem;
+    uint32_t boot = 0;
+    std::string name, ver;
+    unsigned bdw = 0;
+    uint32_t start = 0, end = 0;
+    uint64_t bpsout = 0, bpsin = 0;
+    uint32_t flow = 0;
+    std::string diskio, pused;
+};
+
+inline std::string frb_report_text(const frb_report& r)
+{
+    auto kv = [](const char* k, const std::string& v) { return std::string(" ") + k + "=" + frb_word(v); };
+    auto kn = [](const char* k, uint64_t v) { return std::string(" ") + k + "=" + std::to_string(v); };
+    std::string t = (r.by_key ? "key=" : "license_id12=") + frb_word(r.id);
+    t += kn("cpurate", r.cpurate) + kv("cpu", r.cpu) + kv("board", r.board) + kv("mem", r.mem) + kn("boot", r.boot) +
+         kv("name", r.name) + kv("ver", r.ver) + kn("bdw", r.bdw) + kn("start", r.start) + kn("end", r.end) +
+         kn("bpsout", r.bpsout) + kn("bpsin", r.bpsin) + kn("flow", r.flow) + kv("diskio", r.diskio) +
+         kv("pused", r.pused);
+    return t;
+}
+
+// The verification string an appliance hands over once.
+inline std::string frb_pwd_text(std::string_view id, std::string_view verify)
+{
+    return "tag=FRBPWD licenseid=" + frb_word(id) + " verify=" + frb_word(verify);
+}
+
+// An upgrade report: FAIL below 0 is progress (no fail= word), 0 success
+// (with new_ver=), 1 failure.
+inline std::string frb_upgrade_text(std::string_view id, long taskid, std::string_view log, std::string_view new_ver,
+                                    int fail)
+{
+    std::string t = "tag=frb_upgrade license_id12=" + frb_word(id) + " taskid=" + std::to_string(taskid) +
+                    " log=" + frb_word(log);
+    if (fail == 0)
+        t += " new_ver=" + frb_word(new_ver);
+    if (fail >= 0)
+        t += " fail=" + std::to_string(fail);
+    return t;
+}
+
+// An upgrade order, whichever socket it came by.
+struct upgrade_order {
+    std::string id, packet;
+    long task = 0;
+    long port = 0;
+};
+
+// The order in a cache appliance's text ("tag=frb_upgrade license_id12=
+// pktname= http_port= taskid="); false for any other text.
+inline bool frb_order(std::string_view text, upgrade_order& out)
+{
+    auto num = [&](std::string_view key) { return std::strtol(token_value(text, key).c_str(), nullptr, 10); };
+    if (token_value(text, "tag") != "frb_upgrade")
+        return false;
+    out.id = token_value(text, "license_id12");
+    out.packet = token_value(text, "pktname");
+    out.port = num("http_port");
+    out.task = num("taskid");
+    return true;
+}
+
+inline upgrade_order gw_order(const cloud_upgradeinfo_t& o)
+{
+    return {get_str(o.license_id12, sizeof(o.license_id12)), get_str(o.packet_name, sizeof(o.packet_name)),
+            o.task_id, o.ngnix_port};
+}
+
+// Only datagrams of exactly the sizes the daemon sends are decoded: "VTR"
+// records (an echo: any length that holds the ping's head), the 2-byte
+// "ok" of the upgrade socket and the 520-byte "FRB" texts; everything else
+// is OTHER, with its type when the header is complete.
 inline incoming classify(const void* buf, size_t len)
 {
     incoming in;
     std::memset(&in.map, 0, sizeof(in.map));
     std::memset(&in.backup, 0, sizeof(in.backup));
     std::memset(&in.appup, 0, sizeof(in.appup));
+    std::memset(&in.upgrade, 0, sizeof(in.upgrade));
     const auto* p = static_cast<const unsigned char*>(buf);
     if (len >= sizeof(cloud_hdr_t)) {
         cloud_hdr_t h;
         std::memcpy(&h, p, sizeof(h));
         in.type = h.type;
+    }
+    if (len == 2 && std::memcmp(p, "ok", 2) == 0) {
+        in.kind = incoming::ACK;
+        return in;
+    }
+    if (len == sizeof(cldarg_t) && in.type == VTR_CMDARG && std::memcmp(p, FRB_MAGIC, 3) == 0) {
+        cldarg_t c;
+        std::memcpy(&c, p, sizeof(c));
+        in.kind = incoming::FRB_TEXT;
+        in.text = get_str(c.argstr, sizeof(c.argstr));
+        in.id = token_value(in.text, "license_id12");
+        return in;
     }
     if (len < 3 || std::memcmp(p, "VTR", 3) != 0)
         return in;
@@ -473,6 +691,10 @@ inline incoming classify(const void* buf, size_t len)
         std::memcpy(&in.appup, p, sizeof(in.appup));
         in.kind = incoming::APPUP_ORDER;
         in.id = get_str(in.appup.license_id12, sizeof(in.appup.license_id12));
+    } else if (len == sizeof(cloud_upgradeinfo_t) && in.type == VTR_UP_ORDER) {
+        std::memcpy(&in.upgrade, p, sizeof(in.upgrade));
+        in.kind = incoming::UPGRADE_ORDER;
+        in.id = get_str(in.upgrade.license_id12, sizeof(in.upgrade.license_id12));
     } else if (len >= sizeof(cloud_ping_t) && in.type == VTR_ECHO) {
         in.kind = incoming::ECHO;
         in.id = ping_id(p);

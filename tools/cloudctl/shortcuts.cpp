@@ -1,5 +1,6 @@
 #include "shortcuts.h"
 
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -170,6 +171,41 @@ int edit(const std::string& sock, const std::string& id, const std::string* name
     return finish(cloudctl_command(sock, "cloud", 2053, args), false);
 }
 
+// The same for a cache appliance: its 2053 sets group, name, address and
+// coordinates together, so the current ones are read from its list row
+// (27 space-separated values) and sent again.
+int frb_edit(const std::string& sock, const std::string& id, const std::string* name, const std::string* grp)
+{
+    std::string low = id;
+    for (char& c : low)
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    cloudctl_result r = cloudctl_command(sock, "frelbox", 2055, "page=1 limit=2000 sch=" + low, 4 << 20);
+    if (int rc = failed(r))
+        return rc;
+    std::vector<std::string> row;
+    std::string text = r.text();
+    for (size_t at = 0, nl; (nl = text.find('\n', at)) != std::string::npos; at = nl + 1) {
+        std::string line = text.substr(at, nl - at);
+        if (line.rfind(id + " ", 0) != 0)
+            continue;
+        for (size_t p = 0; p <= line.size();) {
+            size_t e = line.find(' ', p);
+            if (e == std::string::npos)
+                e = line.size();
+            row.push_back(line.substr(p, e - p));
+            p = e + 1;
+        }
+        break;
+    }
+    if (row.size() != 27) {
+        std::fprintf(stderr, "cloudctl: no cache appliance %s\n", id.c_str());
+        return 1;
+    }
+    std::string args = "license_id12=" + id + " grpid=" + (grp ? *grp : row[1]) + " sysname=" +
+                       (name ? *name : row[23]) + " address=" + row[20] + " lng=" + row[21] + " lat=" + row[22];
+    return finish(cloudctl_command(sock, "frelbox", 2053, args), false);
+}
+
 }  // namespace
 
 void cloudctl_shortcut_usage()
@@ -201,6 +237,7 @@ void cloudctl_shortcut_usage()
                  "                                                   flow bpsout bpsin boot ver cpu name;\n"
                  "                                                   without --page and --limit: all)\n"
                  "  frb-stats [--grp N]                              statistics\n"
+                 "  frb-rename ID NAME | frb-setgrp ID GROUP | frb-remove ID\n"
                  "  frb-tasks [--devices] [--task N] [--table]       upgrade tasks (--devices: and their\n"
                  "                                                   appliances, of task N only)\n");
 }
@@ -209,7 +246,8 @@ int cloudctl_shortcut(const std::string& sock, int argc, char** argv)
 {
     static const std::set<std::string> NAMES = {
         "devices",  "stats",        "rename",   "setgrp",    "resetpass", "range",    "backups",
-        "apps",     "appstart",     "upgrades", "upgrade-list", "frb-list", "frb-stats", "frb-tasks"};
+        "apps",     "appstart",     "upgrades", "upgrade-list", "frb-list", "frb-stats", "frb-tasks",
+        "frb-rename", "frb-setgrp", "frb-remove"};
     const std::string cmd = argv[0];
     if (NAMES.count(cmd) == 0)
         return -1;
@@ -313,6 +351,12 @@ int cloudctl_shortcut(const std::string& sock, int argc, char** argv)
             add("sortdesc=0");
         return finish_rows(cloudctl_command(sock, "frelbox", 2055, args, 4 << 20), table, FRB_COLUMNS);
     }
+    if (cmd == "frb-rename" && pos.size() == 2)
+        return word_ok(pos[1], "the name") ? frb_edit(sock, pos[0], &pos[1], nullptr) : 1;
+    if (cmd == "frb-setgrp" && pos.size() == 2)
+        return frb_edit(sock, pos[0], nullptr, &pos[1]);
+    if (cmd == "frb-remove" && pos.size() == 1)
+        return finish(cloudctl_command(sock, "frelbox", 2052, "license_id12=" + pos[0]), false);
     if (cmd == "frb-stats" && pos.empty())
         return finish(cloudctl_command(sock, "frelbox", 2050, args), false);
     if (cmd == "frb-tasks" && pos.empty()) {

@@ -49,7 +49,8 @@ using clk = std::chrono::steady_clock;
 [[noreturn]] void usage()
 {
     std::fprintf(stderr,
-                 "usage: reg_watch --root R --port P --target N [--timeout S] [--interval-ms M] -- CMD ARGS...\n");
+                 "usage: reg_watch --root R --port P --target N [--timeout S] [--interval-ms M] [--module M --table T] "
+                 "-- CMD ARGS...\n");
     std::exit(2);
 }
 
@@ -85,9 +86,9 @@ long long port_drops(int port)
 }
 
 // device_total from the statistics reply; -1 when the daemon did not answer.
-long pool_total(const std::string& sock)
+long pool_total(const std::string& sock, const std::string& module)
 {
-    cloudctl_result r = cloudctl_command(sock, "cloud", 2050, "", 1 << 16);
+    cloudctl_result r = cloudctl_command(sock, module.c_str(), 2050, "", 1 << 16);
     if (r.rc != 0 || r.rec.ca_errno != 0)
         return -1;
     std::string t = r.text();
@@ -109,10 +110,11 @@ struct db {
             std::fprintf(stderr, "reg_watch: database: %s\n", mysql_error(&m));
     }
     ~db() { mysql_close(&m); }
+    std::string table = "cloud_device";
     long rows()
     {
-        static const char q[] = "select count(*) from vtlog.cloud_device";
-        if (!ok || mysql_real_query(&m, q, sizeof(q) - 1) != 0)
+        const std::string q = "select count(*) from vtlog." + table;
+        if (!ok || mysql_real_query(&m, q.data(), q.size()) != 0)
             return -1;
         long n = -1;
         if (MYSQL_RES* res = mysql_store_result(&m)) {
@@ -134,6 +136,7 @@ int main(int argc, char** argv)
     double timeout = 10;
     double settle = 3;
     int interval_ms = 10;
+    std::string module = "cloud", table_name = "cloud_device";  // the family watched
     int i = 1;
     for (; i < argc; i++) {
         std::string a = argv[i];
@@ -155,6 +158,10 @@ int main(int argc, char** argv)
             settle = std::atof(argv[++i]);
         else if (a == "--interval-ms")
             interval_ms = std::atoi(argv[++i]);
+        else if (a == "--module")
+            module = argv[++i];
+        else if (a == "--table" && std::strspn(argv[i + 1], "abcdefghijklmnopqrstuvwxyz_") == std::strlen(argv[i + 1]))
+            table_name = argv[++i];
         else
             usage();
     }
@@ -165,6 +172,7 @@ int main(int argc, char** argv)
     db conn;
     if (!conn.ok)
         return 1;
+    conn.table = table_name;
 
     rlimit nofile{};
     if (getrlimit(RLIMIT_NOFILE, &nofile) == 0 && nofile.rlim_cur < nofile.rlim_max) {
@@ -193,7 +201,7 @@ int main(int argc, char** argv)
             }
         }
         if (pool_all < 0) {
-            long n = pool_total(sock);
+            long n = pool_total(sock, module);
             if (n != pool) {
                 pool_last = moved = ms();
                 pool = n;

@@ -68,6 +68,7 @@ for s in "${SECTIONS[@]}"; do
         { echo "usage: bench/run.sh [registry] [backup] [upgrade]" >&2; exit 2; }
 done
 want() { [[ " ${SECTIONS[*]} " == *" $1 "* ]]; }
+LOAD_ARGS=()  # extra vtsim options of an ingest step (the family)
 
 log() { printf '[bench] %s\n' "$*" >&2; }
 die() { log "error: $*"; exit 1; }
@@ -307,7 +308,7 @@ load_step() {
     fi
     before=$(thread_cpu "$pid")
     out=$("$VTSIM" --load --rate "$rate" --duration "$secs" --shared-socket --count "$GW" --port "$port" \
-        --quiet --linger 1 2>>"$work/vtsim.log" | grep '^sent=')
+        "${LOAD_ARGS[@]}" --quiet --linger 1 2>>"$work/vtsim.log" | grep '^sent=')
     after=$(thread_cpu "$pid")
     r_sent=$(field sent "$out")
     local lost elapsed
@@ -421,6 +422,34 @@ stop_daemon
 start_daemon
 startup_full_ms=$startup_ms
 loaded=$(device_total)
+
+# ---------------------------------------------------------------- 4b. cache appliances
+# A burst of GW new cache appliances ("FRB" reports on the device socket),
+# then their report ingest against the bare loop.
+stop_daemon
+sql "delete from vtlog.frelbox_list"
+start_daemon
+log "burst: $GW new cache appliances, unpaced, one socket"
+fout=$("$WATCH" --root "$root" --port "$PORT" --target "$GW" --timeout 10 --settle 3 --module frelbox \
+    --table frelbox_list -- "$VTSIM" --family frb --port "$PORT" --count "$GW" --reports 1 --quiet --linger 0 \
+    --shared-socket --rate 1000000 2>>"$work/vtsim.log")
+frb_burst=$(printf '  sent in %s ms; pool %s/%s at %s ms; table at %s ms; kernel drops %s' "$(field sender_ms "$fout")" \
+    "$(field pool "$fout")" "$GW" "$(field pool_all_ms "$fout")" "$(field table_all_ms "$fout")" \
+    "$(field drops "$fout")")
+declare -a frb_lines=()
+LOAD_ARGS=(--family frb)
+for rate in 20000 50000; do
+    for target in daemon sink; do
+        log "cache-appliance ingest: $target at ${rate}/s"
+        load_step "$target" "$rate" "$STEP_SECONDS"
+        eval "f_$target=\$r_prate f_${target}_loss=\$r_loss f_${target}_ns=\$r_ns"
+    done
+    frb_lines+=("$(awk -v r="$rate" -v d="$f_daemon" -v s="$f_sink" -v dl="$f_daemon_loss" -v sl="$f_sink_loss" \
+        -v dn="$f_daemon_ns" -v sn="$f_sink_ns" 'BEGIN {
+        printf "  %6d/s: daemon %d/s (loss %s%%, %d ns/datagram), sink %d/s (loss %s%%, %d ns): ratio %.2f",
+            r, d, dl, dn, s, sl, sn, (s > 0 ? d / s : 0) }')")
+done
+LOAD_ARGS=()
 stop_daemon
 fi  # registry
 
@@ -633,6 +662,10 @@ fi  # upgrade
         "$startup_empty_ms" "$GW" "$startup_full_ms"
     printf ' (device_total=%s)\n' "$loaded"
     printf '    daemon after the load: VmRSS %s, VmHWM %s; idle CPU %s%% of one core\n' "$rss" "$hwm" "$idle_pct"
+    printf '\n[4b] cache appliances: burst of %d new ones (ms from vtsim start)\n' "$GW"
+    printf '%s\n' "$frb_burst"
+    printf '  report ingest, %d appliances, %d-s steps, daemon vs bare loop:\n' "$GW" "$STEP_SECONDS"
+    printf '%s\n' "${frb_lines[@]}"
     fi
     if want backup; then
     printf '\n[5] configuration backups: %d gateways pinging every %ss, %d backups due at once\n' "$GW" \

@@ -421,10 +421,12 @@ struct family {
     static void discon(jos_thread_t* td)
     {
         dbw_exec(discon_stream, discontable_sql(D::discon_table), "");
-        for (uint32_t tick = 1; !td->td_notifyexit; tick++) {
-            if (tick % FAM_PASS_TICKS == 0)
+        // A pass every FAM_PASS_TICKS ticks; the thread sleeps the whole
+        // interval at once (a stop still wakes it).
+        while (!td->td_notifyexit) {
+            jos_thread_wait(td, -1, tick_ms * FAM_PASS_TICKS);
+            if (!td->td_notifyexit)
                 discon_pass(td);
-            jos_thread_wait(td, -1, tick_ms);
         }
     }
 

@@ -147,10 +147,11 @@ void sp_pass(jos_thread_t* td)
 void sshidle(jos_thread_t* td)
 {
     const int turn = std::clamp(cloudconf_int("sshidle_turn_ms", 100), 1, 1000);
-    for (uint64_t tick = 1; !td->td_notifyexit; tick++) {
-        if (tick % kPassTicks == 0)
+    // The whole interval at once (a stop still wakes the thread).
+    while (!td->td_notifyexit) {
+        jos_thread_wait(td, -1, turn * kPassTicks);
+        if (!td->td_notifyexit)
             sp_pass(td);
-        jos_thread_wait(td, -1, turn);
     }
 }
 

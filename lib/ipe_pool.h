@@ -25,31 +25,34 @@ public:
     static const char* key(const T* r) { return r->*Key; }
     static unsigned bucket(const char* k) { return ipe_jhash(k) & (NB - 1); }
 
-    // Allocates the block and threads the free list so that slot 0 is
-    // handed out first. Returns -1 when the allocation fails.
+    // Allocates the block. Slots are handed out from slot 0 up; released
+    // ones are taken again first, the last released first. The free list
+    // holds only released slots: the never-used rest is handed out by
+    // index, so a large pool costs no memory until it fills.
     int init()
     {
         base_ = static_cast<T*>(std::calloc(N, sizeof(T)));
         if (base_ == nullptr)
             return -1;
         freelist_ = nullptr;
-        for (size_t i = N; i-- > 0;) {
-            base_[i].next = freelist_;
-            freelist_ = &base_[i];
-        }
+        unused_ = 0;
         std::memset(tbl_, 0, sizeof(tbl_));
         count_ = 0;
         last_ = base_;
         return 0;
     }
 
-    // Takes the head of the free list; null when the pool is full.
+    // Takes the head of the free list, else the next never-used slot; null
+    // when the pool is full.
     T* alloc()
     {
         T* r = freelist_;
-        if (r == nullptr)
+        if (r != nullptr)
+            freelist_ = r->next;
+        else if (unused_ < N)
+            r = &base_[unused_++];
+        else
             return nullptr;
-        freelist_ = r->next;
         r->next = nullptr;
         if (r > last_)
             last_ = r;
@@ -142,6 +145,7 @@ private:
     T* base_ = nullptr;
     T* tbl_[NB] = {};
     T* freelist_ = nullptr;
+    size_t unused_ = 0;  // slots from here on were never handed out
     T* last_ = nullptr;
     uint32_t count_ = 0;
 };

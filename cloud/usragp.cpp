@@ -112,9 +112,17 @@ void usragp_idle(jos_thread_t* td)
                 }
             }
         }
+        bool busy;
+        {
+            std::lock_guard lk(_mtx);
+            busy = false;
+            for (int i = 0; i < _device_count && !busy; i++)
+                busy = _devs[static_cast<size_t>(i)].status <= 1;
+        }
         for (const auto& [id, on] : notices)
             notice(id.c_str(), on);
-        jos_thread_wait(td, -1, 100);
+        // Every 100 ms while a distribution runs, else once a second.
+        jos_thread_wait(td, -1, busy ? 100 : 1000);
     }
 }
 

@@ -79,26 +79,10 @@ bool appup_update(const cloud_appinfo_t* info, appup_t* out)
     return true;
 }
 
-// Calls FN(key, value) for every blank-separated "key=value" word whose
-// key and value are both non-empty (as "%[^=]=%s" reads them).
-template <typename F>
-static void app_eachword(const char* text, F&& fn)
-{
-    std::string copy = text;
-    char* save = nullptr;
-    for (char* w = strtok_r(copy.data(), " \t\r\n", &save); w != nullptr; w = strtok_r(nullptr, " \t\r\n", &save)) {
-        char* eq = std::strchr(w, '=');
-        if (eq == nullptr || eq == w || eq[1] == '\0')
-            continue;
-        *eq = '\0';
-        fn(w, eq + 1);
-    }
-}
-
 bool appup_splitfill(const char* text, appup_t* out)
 {
     cloud_appinfo_t info{};
-    app_eachword(text, [&](const char* k, const char* v) {
+    ipe_eachword(text, [&](const char* k, const char* v) {
         if (std::strcmp(k, "license_id12") == 0)
             ipe_fieldcpy(info.license_id12, v, 15);
         else if (std::strcmp(k, "name") == 0)
@@ -109,7 +93,7 @@ bool appup_splitfill(const char* text, appup_t* out)
             ipe_fieldcpy(info.app_version, v, 31);
         else if (std::strcmp(k, "status") == 0)
             ipe_fieldcpy(info.app_status, v, 15);
-    });
+    }, " \t\r\n");
     return appup_update(&info, out);
 }
 
@@ -141,12 +125,12 @@ bool appup_takestart(const char* license_id12, const char* app_name, appup_t* ou
 void appup_startlog(const char* text)
 {
     char id[16] = "", app[64] = "";
-    app_eachword(text, [&](const char* k, const char* v) {
+    ipe_eachword(text, [&](const char* k, const char* v) {
         if (std::strcmp(k, "license_id12") == 0)
             ipe_fieldcpy(id, v, 15);
         else if (std::strcmp(k, "app_name") == 0)
             ipe_fieldcpy(app, v, 63);
-    });
+    }, " \t\r\n");
     std::lock_guard lk(_appup_mtx);
     if (_apppool.first() != nullptr)
         (void)appup_find(id, app);

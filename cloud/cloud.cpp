@@ -305,22 +305,6 @@ static void cloud_status(char* buf, uint32_t ip, uint16_t port)
         backup_auto(newdev.id, newdev.name);
 }
 
-// Reads "key=value" words of a command text; each value bounded by SIZE.
-template <typename F>
-static void cloud_eachword(const char* argstr, F&& fn)
-{
-    char copy[1024];
-    std::snprintf(copy, sizeof(copy), "%s", argstr);
-    char* save = nullptr;
-    for (char* w = strtok_r(copy, " ", &save); w != nullptr; w = strtok_r(nullptr, " ", &save)) {
-        char* eq = std::strchr(w, '=');
-        if (eq == nullptr || eq == w || eq[1] == '\0')
-            continue;
-        *eq = '\0';
-        fn(w, eq + 1);
-    }
-}
-
 void cpuinfo_handle(const char* argstr)
 {
     char tag[31] = "";
@@ -328,7 +312,7 @@ void cpuinfo_handle(const char* argstr)
     long cpurate = 0;
     long rmadmin = 0;
     long cronfile = 0;
-    cloud_eachword(argstr, [&](const char* k, const char* v) {
+    ipe_eachword(argstr, [&](const char* k, const char* v) {
         if (std::strcmp(k, "tag") == 0)
             std::snprintf(tag, sizeof(tag), "%s", v);
         else if (std::strcmp(k, "license_id12") == 0)
@@ -339,7 +323,7 @@ void cpuinfo_handle(const char* argstr)
             rmadmin = std::strtol(v, nullptr, 10);
         else if (std::strcmp(k, "cronfile") == 0)
             cronfile = std::strtol(v, nullptr, 10);
-    });
+    }, " ", 1023);
     // The caller holds the registry lock.
     devlist_t* d = device_find(id);
     if (d == nullptr)
@@ -362,12 +346,12 @@ void return_handle(const char* argstr, const char* ip, uint16_t port)
 {
     char tag[1024] = "";
     char id[16] = "";
-    cloud_eachword(argstr, [&](const char* k, const char* v) {
+    ipe_eachword(argstr, [&](const char* k, const char* v) {
         if (std::strcmp(k, "tag") == 0)
             std::snprintf(tag, sizeof(tag), "%s", v);
         else if (std::strcmp(k, "license_id12") == 0 || std::strcmp(k, "licid12") == 0)
             std::snprintf(id, sizeof(id), "%s", v);
-    });
+    }, " ", 1023);
     if (id[0] == '\0')
         return;
     _devpool.mtx.lock();

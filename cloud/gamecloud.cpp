@@ -42,20 +42,6 @@ constexpr size_t GAMECLOUD_POOL_SIZE = 2000;
 // Every record under the pool's lock, the listing included (it copies).
 ipe_pool<gamecloud_t, GAMECLOUD_POOL_SIZE, 128, &gamecloud_t::license_id12> _gc;
 
-template <typename F>
-void gc_eachword(const char* text, F&& fn)
-{
-    std::string copy = text;
-    char* save = nullptr;
-    for (char* w = strtok_r(copy.data(), " ", &save); w != nullptr; w = strtok_r(nullptr, " ", &save)) {
-        char* eq = std::strchr(w, '=');
-        if (eq == nullptr || eq == w || eq[1] == '\0')
-            continue;
-        *eq = '\0';
-        fn(w, eq + 1);
-    }
-}
-
 int gc_cmp(const gamecloud_t& x, const gamecloud_t& y, long key)
 {
     auto num = [](uint32_t a, uint32_t b) { return a < b ? -1 : a > b ? 1 : 0; };
@@ -174,7 +160,7 @@ void gamecloud_main(const char* text)
 {
     gamecloud_t in{};
     unsigned enable = 0;
-    gc_eachword(text, [&](const char* k, const char* v) {
+    ipe_eachword(text, [&](const char* k, const char* v) {
         const unsigned n = static_cast<unsigned>(std::atoi(v));
         if (std::strcmp(k, "license_id12") == 0) ipe_fieldcpy(in.license_id12, v, 15);
         else if (std::strcmp(k, "enable") == 0) enable = n;

@@ -26,20 +26,6 @@ constexpr int kPassTicks = 150;     // 100 ms ticks between passes
 sshport_pool_t _sp;
 int _sshport_count;  // tunnels added since start; never lowered
 
-template <typename F>
-void sp_eachword(const char* body, F&& fn)
-{
-    std::string copy = body;
-    char* save = nullptr;
-    for (char* w = strtok_r(copy.data(), " ", &save); w != nullptr; w = strtok_r(nullptr, " ", &save)) {
-        char* eq = std::strchr(w, '=');
-        if (eq == nullptr || eq == w || eq[1] == '\0')
-            continue;
-        *eq = '\0';
-        fn(w, eq + 1);
-    }
-}
-
 sshport_t* sp_find(const char* id, int bigport, int minport)
 {
     return _sp.find_if(id, [&](const sshport_t* r) { return r->bigport == bigport && r->minport == minport; });
@@ -238,7 +224,7 @@ void sshport_handle(const char* body)
     if (_sp.first() == nullptr)
         return;
     char id[16] = "";
-    sp_eachword(body, [&](const char* k, const char* v) {
+    ipe_eachword(body, [&](const char* k, const char* v) {
         if (std::strcmp(k, "license_id12") == 0)
             ipe_fieldcpy(id, v, 15);
         else if (std::strcmp(k, "portinfo") == 0 && id[0] != '\0')
@@ -252,7 +238,7 @@ void sshport_remove(const char* body)
         return;
     char id[16] = "";
     int big = 0, min = 0;
-    sp_eachword(body, [&](const char* k, const char* v) {
+    ipe_eachword(body, [&](const char* k, const char* v) {
         if (std::strcmp(k, "license_id12") == 0)
             ipe_fieldcpy(id, v, 15);
         else if (std::strcmp(k, "bigport") == 0)

@@ -72,20 +72,6 @@ relay_pool_t* pool_of(table_relay& r)
 
 namespace {
 
-template <typename F>
-void relay_eachword(const char* text, F&& fn)
-{
-    std::string copy = text;
-    char* save = nullptr;
-    for (char* w = strtok_r(copy.data(), " ", &save); w != nullptr; w = strtok_r(nullptr, " ", &save)) {
-        char* eq = std::strchr(w, '=');
-        if (eq == nullptr || eq == w || eq[1] == '\0')
-            continue;
-        *eq = '\0';
-        fn(w, eq + 1);
-    }
-}
-
 void relay_list(table_relay& r, jos_cmdarg_t* ca, const jos_cmd_args& a)
 {
     const long grpid = a.num("grpid");
@@ -190,7 +176,7 @@ void relay_handle(table_relay& r, const char* text)
 {
     char id[16] = "";
     std::string info;
-    relay_eachword(text, [&](const char* k, const char* v) {
+    ipe_eachword(text, [&](const char* k, const char* v) {
         if (std::strcmp(k, "license_id12") == 0)
             ipe_fieldcpy(id, v, 15);
         else if (std::strcmp(k, r.report_key) == 0)
@@ -228,7 +214,7 @@ void relay_status(table_relay& r, const char* text)
     char id[16] = "";
     std::string error;
     long ret = 0;
-    relay_eachword(text, [&](const char* k, const char* v) {
+    ipe_eachword(text, [&](const char* k, const char* v) {
         if (std::strcmp(k, "license_id12") == 0)
             ipe_fieldcpy(id, v, 15);
         else if (std::strcmp(k, "error") == 0)

@@ -49,7 +49,7 @@ public:
         T* r = freelist_;
         if (r != nullptr)
             freelist_ = r->next;
-        else if (unused_ < N)
+        else if (base_ != nullptr && unused_ < N)  // a pool never set up has no slots
             r = &base_[unused_++];
         else
             return nullptr;

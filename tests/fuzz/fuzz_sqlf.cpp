@@ -85,7 +85,7 @@ void raw_mode(MYSQL* m, std::string_view in)
 }
 
 struct conv {
-    std::string spec;
+    std::string written;  // the conversion as written into the format
     bool text;          // %s or %c under a text value: its decoding is known
     std::string value;  // expected decoding when TEXT
 };
@@ -130,20 +130,20 @@ void quoted_mode(MYSQL* m, uint8_t flags, std::string_view in)
     for (std::string_view item : fuzz::split(in, std::string_view("\0", 1))) {
         if (item.empty() || texts.size() == MAXARGS)
             continue;
-        const auto spec = static_cast<uint8_t>(item[0]);
+        const auto cbyte = static_cast<uint8_t>(item[0]);
         texts.emplace_back(item.substr(1));
         const std::string& v = texts.back();
-        const int w = widths[(spec >> 4) & 3];
-        const int pr = precs[spec >> 6];
+        const int w = widths[(cbyte >> 4) & 3];
+        const int pr = precs[cbyte >> 6];
         // Bit 3 set: a number of the kind in bits 4-5 (kind 0 is text).
-        const bool is_text = (spec & 8) == 0 || ((spec >> 4) & 3) == 0;
-        args.push_back(is_text ? sql_arg(v.c_str()) : make_arg((spec >> 4) & 3, v));
+        const bool is_text = (cbyte & 8) == 0 || ((cbyte >> 4) & 3) == 0;
+        args.push_back(is_text ? sql_arg(v.c_str()) : make_arg((cbyte >> 4) & 3, v));
         std::string cut = v.substr(0, size_t(pr));
         auto pad = [&](const std::string& s, bool left) {
             std::string fill(size_t(w) > s.size() ? size_t(w) - s.size() : 0, ' ');
             return left ? s + fill : fill + s;
         };
-        switch (spec & 7) {
+        switch (cbyte & 7) {
         case 0: convs.push_back({"%s", is_text, v}); break;
         case 1: convs.push_back({"%-" + std::to_string(w) + "s", is_text, pad(v, true)}); break;
         case 2: convs.push_back({"%" + std::to_string(w) + "s", is_text, pad(v, false)}); break;
@@ -160,7 +160,7 @@ void quoted_mode(MYSQL* m, uint8_t flags, std::string_view in)
 
     std::string fmt = "select ";
     for (size_t i = 0; i < convs.size(); i++)
-        fmt += (i != 0 ? ", '" : "'") + convs[i].spec + "'";
+        fmt += (i != 0 ? ", '" : "'") + convs[i].written + "'";
     fmt += " from t";
     std::string out = CALLS[args.size()](m, fmt.c_str(), args);
 
@@ -178,7 +178,7 @@ void quoted_mode(MYSQL* m, uint8_t flags, std::string_view in)
         if (!scan_quoted(o, &p, &decoded))
             fuzz::fail("sqlf", "quoted string %zu broken: %.300s", i, out.c_str());
         if (convs[i].text && decoded != convs[i].value)
-            fuzz::fail("sqlf", "value %zu (%s) decodes as \"%.100s\", not \"%.100s\"", i, convs[i].spec.c_str(),
+            fuzz::fail("sqlf", "value %zu (%s) decodes as \"%.100s\", not \"%.100s\"", i, convs[i].written.c_str(),
                        decoded.c_str(), convs[i].value.c_str());
     }
     if (o.substr(p) != " from t")

@@ -76,7 +76,7 @@ SEEDS = {
         "sshd": b"h0Port 22\n#GatewayPorts no\nPermitRootLogin no\n",
     },
     "fuzz_sqlf": {
-        # Quoted conversions: spec byte, then the value; items split at NUL.
+        # Quoted conversions: conversion byte, then the value; items split at NUL.
         "quoted_latin1": b"\x02" + b"\0".join([b"@O'Reilly", b"a\\back\\slash", b"bline\nbreak\r\x1a",
                                                b"c\"dq\"", b"\x85GBK \xbf'", b"eX"]),
         "quoted_numbers": b"\x08" + b"\0".join([b"\x9e12345678", b"\xae\xff\xff\xff\xff\xff\xff\xff\xff",

@@ -34,6 +34,16 @@ bool wait_until(const std::function<bool()>& cond, std::chrono::milliseconds lim
     }
 }
 
+std::vector<std::string> split(const std::string& s, char sep)
+{
+    std::vector<std::string> out;
+    std::string item;
+    std::istringstream in(s);
+    while (std::getline(in, item, sep))
+        out.push_back(item);
+    return out;
+}
+
 void write_file(const std::string& path, const std::string& text)
 {
     fs::create_directories(fs::path(path).parent_path());

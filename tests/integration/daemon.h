@@ -73,4 +73,6 @@ int free_udp_port();
 bool wait_until(const std::function<bool()>& cond, std::chrono::milliseconds limit);
 
 void write_file(const std::string& path, const std::string& text);
+// The pieces of S between SEP characters (a trailing empty piece dropped).
+std::vector<std::string> split(const std::string& s, char sep);
 std::string read_file(const std::string& path);

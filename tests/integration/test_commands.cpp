@@ -17,22 +17,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-std::vector<std::string> split(const std::string& s, char sep)
-{
-    std::vector<std::string> out;
-    std::string cur;
-    for (char c : s) {
-        if (c == sep) {
-            out.push_back(cur);
-            cur.clear();
-        } else {
-            cur += c;
-        }
-    }
-    out.push_back(cur);
-    return out;
-}
-
 struct listing {
     std::vector<std::vector<std::string>> rows;  // 32 values each
     std::string totals;

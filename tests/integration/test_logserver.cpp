@@ -3,7 +3,7 @@
 // bodies are reports, "RSA=" bodies are keys), port pairs from 31000 with
 // their wrap and a restart, the commands of module "logserver" (15-value
 // rows, its own sort keys and search fields, the "LOG" mapping
-// instruction), disconnect rows under a moved clock, and the full pool.
+// instruction). Disconnect rows and the full pool: test_family.cpp.
 #include <gtest/gtest.h>
 
 #include <map>
@@ -12,110 +12,15 @@
 #include <string>
 #include <vector>
 
-#include "daemon.h"
-#include "db.h"
-#include "gateway.h"
+#include "family_fixture.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 
-std::vector<std::string> split(const std::string& s, char sep)
-{
-    std::vector<std::string> out;
-    std::string item;
-    std::istringstream in(s);
-    while (std::getline(in, item, sep))
-        out.push_back(item);
-    return out;
-}
-
-// A report with every key a log server sends.
-std::map<std::string, std::string> full_report(const std::string& id)
-{
-    return {{"key", id},          {"name", "log-" + id}, {"ver", "V1.2.0"}, {"boot", "1700000100"},
-            {"start", "1700000000"}, {"end", "1900000000"}, {"bps", "4000000000"}};
-}
-
-std::string body(const std::map<std::string, std::string>& words)
-{
-    std::string b;
-    for (const auto& [k, v] : words)
-        b += (b.empty() ? "" : " ") + k + "=" + v;
-    return b;
-}
-
-// Listed row positions.
-enum { L_ID, L_GRP, L_BOOT, L_NAME, L_VER, L_START, L_END, L_BPS, L_OUTIP, L_OUTPORT, L_ACTIME, L_ADDR, L_LNG,
-       L_LAT, L_NAME2, L_COUNT };
-
-class Logserver : public ::testing::Test {
+class Logserver : public FamilyFixture {
 protected:
-    void SetUp() override { drop(); }
-    void TearDown() override
-    {
-        d_.stop();
-        drop();
-    }
-    static void drop()
-    {
-        db_reset();
-        db_exec("drop table if exists vtlog.logserver_list");
-        db_exec("drop table if exists vtlog.logserver_discon");
-    }
-    void start(const std::string& logconf = "")
-    {
-        write_file(d_.path("/etc/cloud.conf"), read_file(d_.path("/etc/cloud.conf")) + "discon_turn_ms=1\n");
-        if (!logconf.empty())
-            write_file(d_.path("/usr/logd/bin/log.conf"), logconf);
-        d_.start();
-        box_ = std::make_unique<test_appliance>(d_.device_port(), "LOG");
-    }
-    std::string cmd(int code, const std::string& args = "") const { return d_.cmd("logserver", code, args).text(); }
-    std::string list(const std::string& args = "expire=2") const { return cmd(2055, args); }
-    std::vector<std::string> listed(const std::string& id) const
-    {
-        for (const std::string& l : split(list(), '\n'))
-            if (l.rfind(id + " ", 0) == 0)
-                return split(l, ' ');
-        return {};
-    }
-    std::string value(const std::string& id, size_t n) const
-    {
-        auto v = listed(id);
-        return n < v.size() ? v[n] : "<none>";
-    }
-    // Sends BODY and waits until ID's listed value N reads WANT.
-    void report(const std::string& b, const std::string& id, size_t n, const std::string& want) const
-    {
-        box_->send(b);
-        ASSERT_TRUE(wait_until([&] { return value(id, n) == want; }, 5s))
-            << b << "\nvalue " << n << " is " << value(id, n);
-    }
-    static std::string row(const std::string& id, const std::string& cols)
-    {
-        auto rows = db_rows("select " + cols + " from vtlog.logserver_list where license_id12='" + id + "'");
-        if (rows.empty())
-            return "<none>";
-        std::string out;
-        for (size_t i = 0; i < rows[0].size(); i++)
-            out += (i ? "|" : "") + rows[0][i].value_or("NULL");
-        return out + (rows.size() > 1 ? "|<twice>" : "");
-    }
-    long daemon_time() const
-    {
-        std::string t = d_.cmd(nullptr, 389, "sec=0").text();
-        return std::stol(t.substr(t.find('=') + 1));
-    }
-    int total() const
-    {
-        std::string t = cmd(2050);
-        size_t at = t.find("device_total=");
-        return at == std::string::npos ? -1 : std::stoi(t.substr(at + 13));
-    }
-
-    daemon_proc d_;
-    std::unique_ptr<test_appliance> box_;
+    Logserver() : FamilyFixture(kLogCase) {}
 };
 
 const char* const kAllCols =
@@ -125,7 +30,7 @@ const char* const kAllCols =
 TEST_F(Logserver, ReportsAndTheirRows)
 {
     start();
-    report(body(full_report("LOG000000001")), "LOG000000001", L_ID, "LOG000000001");
+    report(report_body(log_full_report("LOG000000001")), "LOG000000001", L_ID, "LOG000000001");
     ASSERT_TRUE(d_.db_settled());
     EXPECT_EQ(row("LOG000000001", kAllCols),
               "LOG000000001|log-LOG000000001||0|1700000000|1900000000|4000000000|1700000100||||V1.2.0|2130706433|"
@@ -188,11 +93,11 @@ TEST_F(Logserver, ReportsAndTheirRows)
 
     // bps is kept in memory only; every other reported change writes the
     // row. The marker in logsname2 shows whether the daemon wrote it.
-    auto words = full_report("LOG000000001");
+    auto words = log_full_report("LOG000000001");
     auto mark = [] { db_exec("update vtlog.logserver_list set logsname2='marker' where license_id12='LOG000000001'"); };
     mark();
     words["bps"] = "123";
-    report(body(words) + " cpurate=99 bdw=3", "LOG000000001", L_BPS, "123");
+    report(report_body(words) + " cpurate=99 bdw=3", "LOG000000001", L_BPS, "123");
     ASSERT_TRUE(d_.db_settled());
     EXPECT_EQ(row("LOG000000001", "logsname2"), "marker");
     struct {
@@ -205,7 +110,7 @@ TEST_F(Logserver, ReportsAndTheirRows)
         SCOPED_TRACE(c.key);
         mark();
         words[c.key] = c.value;
-        report(body(words), "LOG000000001", c.pos, c.value);
+        report(report_body(words), "LOG000000001", c.pos, c.value);
         ASSERT_TRUE(d_.db_settled());
         EXPECT_EQ(row("LOG000000001", std::string("logsname2, ") + (c.key == std::string("name") ? "logsname" : c.key)),
                   std::string("|") + c.value);
@@ -218,11 +123,11 @@ TEST_F(Logserver, ReportsAndTheirRows)
 // without ports and starts the counter afresh.
 TEST_F(Logserver, PortPairsWrapAndRestart)
 {
-    start("cloud_mapping_max_port=31003\n");
+    start("", "cloud_mapping_max_port=31003\n");
     const char* ids[] = {"LOGPORT00001", "LOGPORT00002", "LOGPORT00003", "LOGPORT00004"};
     const char* pairs[] = {"31000|31001", "31001|31002", "31002|31003", "31000|31001"};
     for (const char* id : ids)
-        report(body(full_report(id)), id, L_ID, id);
+        report(report_body(log_full_report(id)), id, L_ID, id);
     ASSERT_TRUE(d_.db_settled());
     for (size_t i = 0; i < std::size(ids); i++)
         EXPECT_EQ(row(ids[i], "webport, sshport"), pairs[i]) << ids[i];
@@ -241,8 +146,8 @@ TEST_F(Logserver, PortPairsWrapAndRestart)
 
     // The first reports after the start: an update with a new pair each.
     db_exec("update vtlog.logserver_list set logsname='marker'");
-    report(body(full_report("LOGPORT00002")), "LOGPORT00002", L_OUTPORT, std::to_string(box_->port()));
-    report(body(full_report("LOGPORT00004")), "LOGPORT00004", L_OUTPORT, std::to_string(box_->port()));
+    report(report_body(log_full_report("LOGPORT00002")), "LOGPORT00002", L_OUTPORT, std::to_string(box_->port()));
+    report(report_body(log_full_report("LOGPORT00004")), "LOGPORT00004", L_OUTPORT, std::to_string(box_->port()));
     ASSERT_TRUE(d_.db_settled());
     EXPECT_EQ(row("LOGPORT00002", "webport, sshport, logsname, logsname2"), "31000|31001|log-LOGPORT00002|kept");
     EXPECT_EQ(row("LOGPORT00004", "webport, sshport, logsname"), "31001|31002|log-LOGPORT00004");
@@ -254,11 +159,11 @@ TEST_F(Logserver, StatisticsRemoveSetAndMapping)
 {
     start();
     const long now = daemon_time();
-    auto a = full_report("LOGCMD000001"), b = full_report("LOGCMD000002");
+    auto a = log_full_report("LOGCMD000001"), b = log_full_report("LOGCMD000002");
     a["end"] = std::to_string(now + 3 * 86400);
     b["end"] = "0";
     for (auto* w : {&a, &b})
-        report(body(*w), (*w)["key"], L_ID, (*w)["key"]);
+        report(report_body(*w), (*w)["key"], L_ID, (*w)["key"]);
 
     struct {
         std::string args;
@@ -306,7 +211,7 @@ TEST_F(Logserver, StatisticsRemoveSetAndMapping)
     EXPECT_EQ(row("LOGCMD000001", "webport, sshport, grpid, logsname2"), "40000|40001|5|front-1");
     // A later report keeps the set ports.
     a["boot"] = "77";
-    report(body(a), "LOGCMD000001", L_BOOT, "77");
+    report(report_body(a), "LOGCMD000001", L_BOOT, "77");
     ASSERT_TRUE(d_.db_settled());
     EXPECT_EQ(row("LOGCMD000001", "webport, sshport, boot"), "40000|40001|77");
 
@@ -364,7 +269,7 @@ TEST_F(Logserver, ListSortsSearchesFiltersAndPages)
     };
     // Handled when the server's actime reads the daemon's present time.
     auto send = [&](const auto& s) {
-        report(body({{"key", s.id},
+        report(report_body({{"key", s.id},
                      {"name", s.name},
                      {"ver", s.ver},
                      {"start", s.start},
@@ -436,70 +341,6 @@ TEST_F(Logserver, ListSortsSearchesFiltersAndPages)
         EXPECT_EQ(got, c.ids);
         EXPECT_EQ(counts, c.counts);
     }
-}
-
-// One row per pass for every server silent more than 15 s, for an hour
-// after its last report, under its display name when it has one.
-TEST_F(Logserver, DisconnectRowsForAnHour)
-{
-    start();
-    report(body(full_report("LOGGONE00001")), "LOGGONE00001", L_ID, "LOGGONE00001");
-    report(body(full_report("LOGGONE00002")), "LOGGONE00002", L_ID, "LOGGONE00002");
-    ASSERT_EQ(cmd(2053, "license_id12=LOGGONE00001 grpid=3 sysname=shown"), "ok");
-    const std::string actime = value("LOGGONE00001", L_ACTIME);
-    auto count = [](const std::string& id) {
-        return std::stol(db_value("select count(*) from vtlog.logserver_discon where license_id12='" + id + "'"));
-    };
-    const long before = daemon_time();
-    d_.step_clock(16);
-    ASSERT_TRUE(wait_until([&] { return d_.db_settled() && count("LOGGONE00001") >= 2 && count("LOGGONE00002") >= 2; },
-                           10s));
-    auto first = [](const std::string& id) {
-        return db_rows("select grpid, name, time, uptime from vtlog.logserver_discon where license_id12='" + id +
-                       "' limit 1")[0];
-    };
-    auto a = first("LOGGONE00001"), b = first("LOGGONE00002");
-    EXPECT_EQ(*a[0] + "|" + *a[1] + "|" + *a[2], "3|shown|" + actime);
-    EXPECT_EQ(*b[0] + "|" + *b[1], "0|log-LOGGONE00002");
-    EXPECT_GE(std::stol(*a[3]), before + 16);
-
-    // Past the hour no more rows; a server silent from then on shows that
-    // the passes go on.
-    d_.step_clock(3600);
-    report(body(full_report("LOGGONE00003")), "LOGGONE00003", L_ID, "LOGGONE00003");
-    d_.step_clock(16);
-    ASSERT_TRUE(wait_until([&] { return d_.db_settled() && count("LOGGONE00003") >= 1; }, 10s));
-    const long one = count("LOGGONE00001"), two = count("LOGGONE00002"), three = count("LOGGONE00003");
-    ASSERT_TRUE(wait_until([&] { return d_.db_settled() && count("LOGGONE00003") >= three + 2; }, 10s));
-    EXPECT_EQ(count("LOGGONE00001"), one);
-    EXPECT_EQ(count("LOGGONE00002"), two);
-}
-
-TEST_F(Logserver, PoolTakesTwoThousand)
-{
-    start();
-    auto id = [](int i) {
-        char b[16];
-        std::snprintf(b, sizeof(b), "LOGFULL%05d", i);
-        return std::string(b);
-    };
-    for (int i = 1; i <= 2000; i++) {
-        box_->send("key=" + id(i) + " name=n" + std::to_string(i));
-        if (i % 200 == 0) {
-            ASSERT_TRUE(wait_until([&] { return total() == i; }, 10s)) << i << " " << total();
-        }
-    }
-    box_->send("key=" + id(2001) + " name=late");
-    report("key=" + id(1) + " name=n1 boot=7", id(1), L_BOOT, "7");
-    EXPECT_EQ(total(), 2000);
-    EXPECT_TRUE(listed(id(2001)).empty());
-    ASSERT_TRUE(d_.db_settled(30s));
-    EXPECT_EQ(db_value("select count(*) from vtlog.logserver_list"), "2000");
-    EXPECT_EQ(row(id(2000), "webport, sshport"), "32999|33000");
-
-    EXPECT_EQ(cmd(2052, "license_id12=" + id(1000)), "ok");
-    report("key=" + id(2001) + " name=late", id(2001), L_NAME, "late");
-    EXPECT_EQ(total(), 2000);
 }
 
 }  // namespace

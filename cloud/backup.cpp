@@ -374,25 +374,10 @@ void backup_main(jos_thread_t* td)
     if (appup_init() != 0)
         return;
 
-    int s = socket(AF_INET, SOCK_DGRAM, 0);
-    if (s < 0) {
-        perror("socket");
-        return;
-    }
-    int one = 1;
-    if (setsockopt(s, SOL_SOCKET, SO_REUSEPORT, &one, sizeof(one)) != 0)
-        std::puts("setsockopt error");
     // Room for a fleet's pings and reports arriving together.
-    cloud_rcvbuf(s, 4 << 20, "backup_main");
-    sockaddr_in sa{};
-    sa.sin_family = AF_INET;
-    sa.sin_addr.s_addr = htonl(INADDR_ANY);
-    sa.sin_port = htons(static_cast<uint16_t>(_backup_port));
-    if (bind(s, reinterpret_cast<sockaddr*>(&sa), sizeof(sa)) != 0) {
-        perror("bind");
-        close(s);
+    int s = cloud_udp_bind(_backup_port, 4 << 20, "backup_main", "setsockopt error");
+    if (s < 0)
         return;
-    }
     _backup_sock = s;
 
     // Zeroed, with a NUL after the received bytes: every record read at a

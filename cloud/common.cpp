@@ -9,6 +9,8 @@
 #include <fcntl.h>
 #include <iconv.h>
 #include <spawn.h>
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -788,6 +790,29 @@ int cloud_rcvbuf(int sock, int bytes, const char* who)
                "\"sysctl -w net.core.rmem_max=%d\" or run as root\n",
                who, granted / 2, bytes, bytes);
     return 0;
+}
+
+int cloud_udp_bind(int port, int bytes, const char* who, const char* reuse_failed)
+{
+    int s = socket(AF_INET, SOCK_DGRAM, 0);
+    if (s < 0) {
+        perror("socket");
+        return -1;
+    }
+    int one = 1;
+    if (setsockopt(s, SOL_SOCKET, SO_REUSEPORT, &one, sizeof(one)) != 0)
+        reuse_failed != nullptr ? (void)puts(reuse_failed) : perror("setsockopt");
+    cloud_rcvbuf(s, bytes, who);
+    sockaddr_in sa{};
+    sa.sin_family = AF_INET;
+    sa.sin_addr.s_addr = htonl(INADDR_ANY);
+    sa.sin_port = htons(static_cast<uint16_t>(port));
+    if (bind(s, reinterpret_cast<sockaddr*>(&sa), sizeof(sa)) != 0) {
+        perror("bind");
+        close(s);
+        return -1;
+    }
+    return s;
 }
 
 void cloud_adduser()

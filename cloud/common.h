@@ -104,6 +104,12 @@ int setconfig(const char* key, const char* value);
 // past the system's cap); says in one line, under WHO, when the kernel
 // granted less. -1 when neither request was taken.
 int cloud_rcvbuf(int sock, int bytes, const char* who);
+// The job sockets' set-up (backup, firmware upgrade): a UDP socket with
+// SO_REUSEPORT and a receive buffer of BYTES, bound to any address and PORT.
+// Failures are printed as perror does ("socket", "bind": -1 back) and, for
+// SO_REUSEPORT, as REUSE_FAILED or, when that is null, by perror (the
+// socket is used anyway).
+int cloud_udp_bind(int port, int bytes, const char* who, const char* reuse_failed);
 
 void cloud_adduser();
 int upgrade_nginx_port();

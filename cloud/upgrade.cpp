@@ -213,27 +213,10 @@ void upgrade_main(jos_thread_t* td)
         }
     }
     upgrade_getdwmax();
-    int s = socket(AF_INET, SOCK_DGRAM, 0);
-    if (s < 0) {
-        perror("socket");
-        return;
-    }
-    timeval tv{2, 0};
-    setsockopt(s, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
-    int one = 1;
-    if (setsockopt(s, SOL_SOCKET, SO_REUSEPORT, &one, sizeof(one)) != 0)
-        perror("setsockopt");
     // Room for a fleet's pings and reports arriving together.
-    cloud_rcvbuf(s, 4 << 20, "upgrade_main");
-    sockaddr_in sa{};
-    sa.sin_family = AF_INET;
-    sa.sin_addr.s_addr = htonl(INADDR_ANY);
-    sa.sin_port = htons(static_cast<uint16_t>(_upgrade_port));
-    if (bind(s, reinterpret_cast<sockaddr*>(&sa), sizeof(sa)) != 0) {
-        perror("bind");
-        close(s);
+    int s = cloud_udp_bind(_upgrade_port, 4 << 20, "upgrade_main", nullptr);
+    if (s < 0)
         return;
-    }
     _upgrade_sock = s;
 
     static char buf[1024 + 1];

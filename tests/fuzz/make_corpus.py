@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
 """Writes the seed corpus of every fuzz target (tests/fuzz/corpus/<target>/):
-a handful of valid messages each. Run it again after changing a seed."""
+a handful of valid messages each. Run it again after changing a seed: it
+rewrites the seeds named here and keeps every other file of a corpus (inputs
+found by fuzzing, seeds written by hand)."""
 import os
-import shutil
 import struct
 
 HERE = os.path.dirname(os.path.abspath(__file__))
@@ -28,6 +29,14 @@ def text(t):
     return struct.pack("<4sHH512s", b"VTR", 40000, 520, t)
 
 
+def family(magic, body):
+    """A text report of a cache appliance (FRB) or log server (LOG)."""
+    return struct.pack("<4sHH", magic, 40000, len(body)) + body
+
+
+KEY = b"RSA=ssh-ed25519 AAAAC3NzaC1lZDI1NTE5AAAAIGtestkeymaterial0123456789 box@"
+
+
 SEEDS = {
     "fuzz_dgram": {
         "new_device": SEP.join([
@@ -45,6 +54,20 @@ SEEDS = {
         "silence": SEP.join([status(10012, b"GW0000000001"), b"VTR", b"VTR", status(10012, b"GW0000000001"),
                              b"@3600", text(b"tag=cpuinfo license_id12=GW0000000001 cpurate=1")]),
         "refused_ids": SEP.join([status(10012, b"GW00000000012"), status(10012, b""), key(b"UNKNOWN", b"ff" * 16)]),
+        "frelbox": SEP.join([
+            family(b"FRB", b"key=FRB000000001 cpurate=37 cpu=Xeon board=X10 mem=16G boot=1700000100 name=cache "
+                   b"ver=V3.2.1 bdw=1000 start=1700000000 end=1900000000 bpsout=5000000000 bpsin=7000000000 "
+                   b"flow=321 diskio=r1 pused=45%"),
+            family(b"FRB", b"tag=FRBPWD licenseid=FRB000000001 verify=s3cr3t"),
+            family(b"FRB", b"tag=frb_upgrade license_id12=FRB000000001 taskid=42 log=flashed new_ver=V3.3 fail=0"),
+            family(b"FRB", KEY + b"frb"),
+            family(b"FRB", b"license_id12=FRB000000001 bpsin=1 flow=2")]),
+        "logserver": SEP.join([
+            family(b"LOG", b"key=LOG000000001 name=logs ver=V1.2.0 boot=1700000100 start=1700000000 end=1900000000 "
+                   b"bps=4000"),
+            family(b"LOG", b"tag=FRBPWD key=LOG000000002   name=tagged"),
+            family(b"LOG", KEY + b"log"),
+            family(b"LOG", b"key=LOG000000001 bps=5")]),
     },
     "fuzz_mgmt": {
         "stat_list": b"2050 grpid=0" + SEP + b"2055 page=1 limit=20 sortname=2 sortdesc=1" + SEP +
@@ -97,8 +120,7 @@ SEEDS = {
 
 for target, seeds in SEEDS.items():
     d = os.path.join(HERE, "corpus", target)
-    shutil.rmtree(d, ignore_errors=True)
-    os.makedirs(d)
+    os.makedirs(d, exist_ok=True)
     for name, data in seeds.items():
         with open(os.path.join(d, name), "wb") as f:
             f.write(data)

@@ -312,15 +312,7 @@ void usragp_recv(const char* text)
         return;
     std::string tag, id, cname, name, uports, tports, nodettl, error;
     bool has_cname = false, has_name = false, has_uports = false, has_tports = false, has_error = false;
-    std::string copy = text;
-    char* save = nullptr;
-    for (char* w = strtok_r(copy.data(), " ", &save); w != nullptr; w = strtok_r(nullptr, " ", &save)) {
-        char* eq = std::strchr(w, '=');
-        if (eq == nullptr || eq == w || eq[1] == '\0')
-            continue;
-        *eq = '\0';
-        const char* k = w;
-        const char* v = eq + 1;
+    ipe_eachword(text, [&](const char* k, const char* v) {
         if (std::strcmp(k, "tag") == 0) tag = v;
         else if (std::strcmp(k, "license_id12") == 0) id = v;
         else if (std::strcmp(k, "cname") == 0) cname = v, has_cname = true;
@@ -329,7 +321,7 @@ void usragp_recv(const char* text)
         else if (std::strcmp(k, "tports") == 0) tports = v, has_tports = true;
         else if (std::strcmp(k, "nodettl") == 0) nodettl = v;
         else if (std::strcmp(k, "error") == 0) error = v, has_error = true;
-    }
+    });
     if (id.empty())
         return;
     std::lock_guard lk(_mtx);

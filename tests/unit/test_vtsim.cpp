@@ -1,6 +1,5 @@
 // The simulator's datagram helpers and pacing, the /proc/net/udp drops, the
-// malformed set, and the tables cloudctl makes of the daemon's listings.
-#include "../../tools/cloudctl/cloudctl_rows.h"
+// malformed set.
 #include "../../tools/vtsim/vtsim_proto.h"
 
 #include <gtest/gtest.h>
@@ -353,28 +352,6 @@ TEST(Vtsim, PacingOfTheStreams)
         order.push_back(k);
     EXPECT_EQ(order,
               (std::vector<int>{S_STATUS, S_PING, S_ANNOUNCE, S_STATUS, S_PING, S_ANNOUNCE, S_STATUS, S_STATUS}));
-}
-
-// The listings as tables: the last column takes the rest of a line, an
-// empty value stays an empty cell, a '|' in a value cannot add a column,
-// short lines pass as they are, and each part of a listing with headers of
-// its own gets its own columns, whatever its number of words.
-TEST(CloudctlRows, ListingsAsTables)
-{
-    EXPECT_EQ(cloudctl_space_rows("SIM000000001 7  x|y fw 1.bin\nlong 1 2 3\ntotal=2\n", {"id", "task", "up", "rest"}),
-              "id            task  up  rest\n"
-              "SIM000000001  7         x/y fw 1.bin\n"
-              "long          1     2   3\n"
-              "total=2\n");
-    EXPECT_EQ(cloudctl_space_rows("", {"a", "b"}), "a  b\n");
-
-    const std::vector<cloudctl_part> parts = {{"id n", {"ID", "NAME"}}, {"t x y", {"T", "X", "Y"}}};
-    EXPECT_EQ(cloudctl_space_parts("before\nid n\n1 two words\nt x y\n7 a b\n8  c\nend=1\n", parts),
-              "before\n"
-              "ID  NAME\n1   two words\n"
-              "T  X  Y\n7  a  b\n8     c\nend=1\n");
-    EXPECT_EQ(cloudctl_space_parts("t x y\n1 2 3\n", parts), "T  X  Y\n1  2  3\n");  // the second part alone
-    EXPECT_EQ(cloudctl_space_parts("1 2 3\n", parts), "1 2 3\n");                 // no header: no part
 }
 
 TEST(Vtsim, DropsOfEverySocketOnThePort)

@@ -5,8 +5,9 @@
 // The reply text goes to stdout. A refused command prints
 // "error <errno> <errmsg>" on stderr and exits 2; a daemon that cannot be
 // reached exits 1. -b prints a binary statistics reply, one "tag value" line
-// per 40-byte record. Shortcuts name the common registry commands
-// (cloudctl devices --page 2 --table).
+// per 40-byte record. Shortcuts name the modules' common commands
+// (cloudctl devices --page 2 --table); --help lists them all.
+#include <getopt.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -17,16 +18,19 @@
 #include "cloudctl_client.h"
 #include "shortcuts.h"
 
-static void usage()
+// The help, on stdout when asked for, else on stderr with status 1.
+[[noreturn]] static void usage(bool asked = false)
 {
-    std::fprintf(stderr,
+    FILE* out = asked ? stdout : stderr;
+    std::fprintf(out,
                  "usage: cloudctl [-r ROOT | -s SOCKET] [-b] [-n BYTES] [MODULE] CODE [name=value ...]\n"
                  "  -r ROOT    daemon started with -r ROOT\n"
                  "  -s SOCKET  management socket path (default /var/tmp/cloud.d)\n"
                  "  -b         print a binary statistics reply as 'tag value' lines\n"
-                 "  -n BYTES   reply capacity (default 1048576)\n");
-    cloudctl_shortcut_usage();
-    std::exit(1);
+                 "  -n BYTES   reply capacity (default 1048576)\n"
+                 "  -h, --help this text\n");
+    cloudctl_shortcut_help(out);
+    std::exit(asked ? 0 : 1);
 }
 
 static bool isnumber(const char* s)
@@ -58,8 +62,9 @@ int main(int argc, char** argv)
     std::string sock = cloudctl_sockpath("");
     bool binary = false;
     size_t capacity = 1 << 20;
+    static const option longopts[] = {{"help", no_argument, nullptr, 'h'}, {nullptr, 0, nullptr, 0}};
     int opt;
-    while ((opt = getopt(argc, argv, "+r:s:bn:h")) != -1) {
+    while ((opt = getopt_long(argc, argv, "+r:s:bn:h", longopts, nullptr)) != -1) {
         switch (opt) {
         case 'r':
             sock = cloudctl_sockpath(optarg);
@@ -75,6 +80,8 @@ int main(int argc, char** argv)
             if (capacity < 2 || capacity > (1u << 30))
                 usage();
             break;
+        case 'h':
+            usage(true);
         default:
             usage();
         }

@@ -1,84 +1,473 @@
+// The shortcut table and what runs it: options and positional arguments
+// become the command's name=value words, the reply is shown plain, raw,
+// as a table or as JSON lines.
 #include "shortcuts.h"
 
-#include <cctype>
-#include <cstdio>
-#include <cstdlib>
+#include <algorithm>
 #include <cstring>
-#include <map>
-#include <set>
-#include <sstream>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "cloudctl_client.h"
+#include "cloudctl_rows.h"
 
 namespace {
 
-const std::map<std::string, int> SORT_KEYS = {
-    {"id", 1},    {"time", 2},    {"start", 3},    {"end", 4},    {"users", 5}, {"flows", 6}, {"up", 7},
-    {"down", 8},  {"uptime", 9},  {"version", 10}, {"temp", 11},  {"cpu", 12},  {"name", 13},
+constexpr auto TXT = cloudctl_unit::text, NUM = cloudctl_unit::number, IP = cloudctl_unit::ipv4,
+               TIME = cloudctl_unit::time, DUR = cloudctl_unit::duration, RATE = cloudctl_unit::rate;
+
+using listing = std::vector<cloudctl_part>;
+using sort_keys = std::vector<std::pair<const char*, int>>;
+
+// Big enough for a full list of any pool.
+constexpr size_t REPLY_CAPACITY = 4 << 20;
+
+// ---------------------------------------------------------------------------
+// How the replies read (see cloudctl_rows.h)
+// ---------------------------------------------------------------------------
+
+// Statistics: name=value lines only.
+const listing STATS = {};
+
+// The daemon's header names 30 columns for 32 values, one of them
+// misspelt: the rows get the real names.
+const listing DEVICES = {
+    {"ipaddr|sys_name|license_start|licnese_end|license_id12|max_flowcont|max_ipcnt|current_users|flowcont|upbps|"
+     "downbps|time|webport|grpid|license_id83|sys_name2|sys_run|sshport|outip|longitude|latitude|map_address|"
+     "version|temp|isequal|info|eqtime|max_users|grpname|stat",
+     {{"ipaddr", IP},        {"sys_name", TXT},     {"license_start", TIME}, {"license_end", TIME},
+      {"license_id12", TXT}, {"max_flowcont", NUM}, {"max_ipcnt", NUM},      {"current_users", NUM},
+      {"flowcont", NUM},     {"upbps", RATE},       {"downbps", RATE},       {"time", TIME},
+      {"webport", NUM},      {"grpid", NUM},        {"license_id83", TXT},   {"sys_name2", TXT},
+      {"sys_run", DUR},      {"sshport", NUM},      {"outip", IP},           {"longitude", NUM},
+      {"latitude", NUM},     {"map_address", TXT},  {"version", TXT},        {"temp", NUM},
+      {"passreset", NUM},    {"cpu", NUM},          {"isequal", NUM},        {"info", TXT},
+      {"eqtime", TIME},      {"max_users", NUM},    {"grpname", TXT},        {"stat", NUM}},
+     '|'}};
+
+// Then the appliances waiting for a ping, one per line.
+const listing BACKUPS = {{"", {{"license_id12", TXT}}}};
+
+// A name with blanks is the appliance's display name.
+const listing APPS = {{"",
+                       {{"license_id12", TXT},
+                        {"sysname", TXT},
+                        {"app_name", TXT},
+                        {"app_cname", TXT},
+                        {"app_version", TXT},
+                        {"grpid", NUM},
+                        {"time", TIME},
+                        {"app_status", TXT},
+                        {"mask", NUM}},
+                       ' ',
+                       1}};
+
+const listing UPGRADES = {{"",
+                           {{"license_id12", TXT},
+                            {"task_id", NUM},
+                            {"ifupgrade", NUM},
+                            {"nginx_port", NUM},
+                            {"up_times", NUM},
+                            {"packet_name", TXT}}}};
+
+const listing FRB = {{"",
+                      {{"license_id12", TXT}, {"grpid", NUM},    {"cpurate", NUM},  {"cpudesc", TXT},  {"board", TXT},
+                       {"mem", TXT},          {"boot", NUM},     {"frname", TXT},   {"ver", TXT},      {"bdw", NUM},
+                       {"start", TIME},       {"end", TIME},     {"bpsin", RATE},   {"bpsout", RATE},  {"flow", NUM},
+                       {"diskio", TXT},       {"pused", TXT},    {"outip", IP},     {"outport", NUM},  {"actime", TIME},
+                       {"map_addr", TXT},     {"lng", TXT},      {"lat", TXT},      {"frname2", TXT},  {"verify", TXT},
+                       {"webport", NUM},      {"sshport", NUM}}}};
+
+const listing LOGS = {{"",
+                       {{"license_id12", TXT},
+                        {"grpid", NUM},
+                        {"boot", NUM},
+                        {"logsname", TXT},
+                        {"ver", TXT},
+                        {"start", TIME},
+                        {"end", TIME},
+                        {"bps", RATE},
+                        {"outip", IP},
+                        {"outport", NUM},
+                        {"actime", TIME},
+                        {"map_addr", TXT},
+                        {"lng", TXT},
+                        {"lat", TXT},
+                        {"logsname2", TXT}}}};
+
+// Two parts, each under the header the daemon prints (the second one
+// spelt as the front end has always parsed it).
+const listing FRB_TASKS = {
+    {"id device_count succ fail status sended_count upstart pktname",
+     {{"id", NUM},
+      {"device_count", NUM},
+      {"succ", NUM},
+      {"fail", NUM},
+      {"status", NUM},
+      {"sended_count", NUM},
+      {"upstart", TIME},
+      {"pktname", TXT}}},
+    {"taskid license_id12 sysname status ver new_verresp",
+     {{"taskid", NUM},
+      {"license_id12", TXT},
+      {"sysname", TXT},
+      {"status", NUM},
+      {"ver", TXT},
+      {"new_ver", TXT},
+      {"resp", TXT}}}};
+
+const listing TUNNELS = {{"",
+                          {{"license_id12", TXT},
+                           {"sysname", TXT},
+                           {"grpid", NUM},
+                           {"bigport", NUM},
+                           {"minport", NUM},
+                           {"cliip", TXT},
+                           {"borntime", TIME},
+                           {"uptime", TIME}},
+                          ' ',
+                          1}};
+
+// The rates come as the nodes report them: a number, or a text that stays
+// as it is.
+const listing GAMES = {{"",
+                        {{"license_id12", TXT}, {"grpid", NUM},        {"enable", NUM},    {"l2tp_state", TXT},
+                         {"name", TXT},         {"startm", TIME},      {"endtm", TIME},    {"inbps", RATE},
+                         {"outbps", RATE},      {"actime", TIME},      {"ipcnt", NUM},     {"license_ipcnt", NUM},
+                         {"delay_cur", NUM},    {"delay_min", NUM},    {"delay_max", NUM}, {"state", TXT},
+                         {"waitime_left", NUM}, {"maxipcnt", NUM}},
+                        ' ',
+                        4,
+                        false,
+                        true}};
+
+// The error of a push can have a blank ("time out"), so can the name.
+const listing RELAY = {{"license_id12 sysname tableinfo grpid istask tblfname error",
+                        {{"license_id12", TXT},
+                         {"sysname", TXT},
+                         {"tableinfo", TXT},
+                         {"grpid", NUM},
+                         {"istask", NUM},
+                         {"tblfname", TXT},
+                         {"error", TXT}},
+                        ' ',
+                        1,
+                        true}};
+
+const listing USRAGP_GROUPS = {{"", {{"license_id12", TXT}, {"cname", TXT}, {"name", TXT}}}};
+const listing USRAGP_APPS = {{"",
+                              {{"license_id12", TXT},
+                               {"name", TXT},
+                               {"cname", TXT},
+                               {"nodettl", NUM},
+                               {"tports", TXT},
+                               {"uports", TXT}}}};
+const listing USRAGP_DEVICES = {
+    {"", {{"license_id12", TXT}, {"status", NUM}, {"name", TXT}, {"error", TXT}}, ' ', 2}};
+
+// ---------------------------------------------------------------------------
+// The shortcuts
+// ---------------------------------------------------------------------------
+
+const sort_keys DEVICE_SORT = {{"id", 1},      {"time", 2},     {"start", 3}, {"end", 4}, {"users", 5},
+                               {"flows", 6},   {"up", 7},       {"down", 8},  {"uptime", 9},
+                               {"version", 10}, {"temp", 11},   {"cpu", 12},  {"name", 13}};
+const sort_keys FRB_SORT = {{"id", 1},    {"time", 2},   {"start", 3}, {"end", 4},  {"bdw", 5},  {"flow", 6},
+                            {"bpsout", 7}, {"bpsin", 8}, {"boot", 9},  {"ver", 10}, {"cpu", 11}, {"name", 12}};
+const sort_keys LOG_SORT = {{"id", 1},  {"time", 2}, {"start", 3}, {"end", 4},
+                            {"bps", 8}, {"boot", 9}, {"ver", 10},  {"name", 12}};
+const sort_keys GAME_SORT = {{"id", 1}, {"time", 2}, {"ipcnt", 3}, {"delay", 4}, {"name", 7}};
+
+struct option {
+    const char* flag;
+    const char* word;                 // "page=" takes the value; "sortdesc=1" goes as it is
+    const char* value;                // the value's name in the help; null: a switch
+    const sort_keys* keys = nullptr;  // the value names one of these
 };
 
-// The cache-appliance list's sortname values.
-const std::map<std::string, int> FRB_SORT_KEYS = {
-    {"id", 1},    {"time", 2}, {"start", 3}, {"end", 4},  {"bdw", 5},  {"flow", 6},
-    {"bpsout", 7}, {"bpsin", 8}, {"boot", 9},  {"ver", 10}, {"cpu", 11}, {"name", 12},
+const option PAGE{"--page", "page=", "N"}, LIMIT{"--limit", "limit=", "N"}, DESC{"--desc", "sortdesc=1", nullptr},
+    GRP{"--grp", "grpid=", "N"}, GRPS{"--grp", "usergrp=", "LIST"}, SEARCH{"--search", "sch=", "TEXT"};
+
+struct positional {
+    const char* name;  // in the help
+    const char* word;  // "license_id12="
 };
 
-const std::vector<std::string> UPGRADE_COLUMNS = {"license_id12", "task_id",  "ifupgrade",
-                                                  "nginx_port",   "up_times", "packet_name"};
+const positional ID{"ID", "license_id12="};
 
-const std::vector<std::string> FRB_COLUMNS = {
-    "license_id12", "grpid",   "cpurate", "cpudesc", "board",  "mem",      "boot",    "frname",  "ver",
-    "bdw",          "start",   "end",     "bpsin",   "bpsout", "flow",     "diskio",  "pused",   "outip",
-    "outport",      "actime",  "map_addr", "lng",    "lat",    "frname2",  "verify",  "webport", "sshport"};
+// A registry whose 2053 sets group, display name, address and coordinates
+// together: changing one sends the others as its 2055 lists them.
+struct settable {
+    const char* what;
+    const char* list_args;
+    const listing* rows;
+    std::vector<std::pair<const char*, const char*>> keep;  // 2053 word, list column
+};
 
-// The cache-appliance task listing: its two header lines as the daemon
-// spells them, and the names shown instead.
-const char* const FRB_TASK_HEADER = "id device_count succ fail status sended_count upstart pktname";
-const char* const FRB_DEVICE_HEADER = "taskid license_id12 sysname status ver new_verresp";
-const std::vector<std::string> FRB_TASK_COLUMNS = {"id",     "device_count", "succ",   "fail",
-                                                   "status", "sended_count", "upstart", "pktname"};
-const std::vector<std::string> FRB_DEVICE_COLUMNS = {"taskid", "license_id12", "sysname", "status",
-                                                     "ver",    "new_ver",      "resp"};
+struct shortcut {
+    std::string name;
+    const char* module;
+    int code;
+    std::vector<positional> args{};
+    std::vector<option> options{};
+    const char* fixed = "";     // words always sent
+    const char* defaults = "";  // words sent unless the command line gives the same name
+    const listing* rows = nullptr;  // how the reply reads; null: a plain answer
+    std::optional<settable> edit{};
+    std::string help;
+};
 
-const char* const APP_COLUMNS = "license_id12|sysname|app_name|app_cname|app_version|grpid|time|app_status|mask";
-
-const char* const LIST_COLUMNS =
-    "ipaddr|sys_name|license_start|license_end|license_id12|max_flowcont|max_ipcnt|current_users|flowcont|upbps|"
-    "downbps|time|webport|grpid|license_id83|sys_name2|sys_run|sshport|outip|longitude|latitude|map_address|"
-    "version|temp|passreset|cpu|isequal|info|eqtime|max_users|grpname|stat";
-
-// The inventory's lines (nine fields, one blank apart; a name not known
-// yet is an empty field) as '|'-separated rows under a header. A line of
-// more than nine fields has blanks in a name: the extra words go to
-// sysname, the appliance's display name, the one field people write blanks
-// into. A '|' inside a field is shown as '/'.
-std::string app_rows(const std::string& text)
+// List, statistics, rename, regroup and removal of a family of appliances
+// reporting texts (cache appliances, log servers): one implementation in
+// the daemon, one set of shortcuts here.
+std::vector<shortcut> family(const std::string& p, const char* module, const char* noun, const listing* rows,
+                             const sort_keys* keys, const char* name_column)
 {
-    std::string out = std::string(APP_COLUMNS) + "\n";
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) {
-        std::vector<std::string> w;
-        std::istringstream ls(line);
-        for (std::string f; std::getline(ls, f, ' ');) {
-            for (char& c : f)
-                if (c == '|')
-                    c = '/';
-            w.push_back(f);
+    const settable edit{noun, "page=1 limit=2000", rows,
+                        {{"grpid", "grpid"},
+                         {"sysname", name_column},
+                         {"address", "map_addr"},
+                         {"lng", "lng"},
+                         {"lat", "lat"}}};
+    return {
+        {.name = p + "-list",
+         .module = module,
+         .code = 2055,
+         .options = {PAGE, LIMIT, {"--sort", "sortname=", "KEY", keys}, DESC, SEARCH, GRP,
+                     {"--expire", "expire=", "0-2"}},
+         .defaults = "page=1 limit=2000 sortdesc=0",
+         .rows = rows,
+         .help = std::string("the ") + noun +
+                 "s, all of them unless --page or --limit; --search: lower-case TEXT in identifier or name; "
+                 "--expire 1: service ending within a week"},
+        {.name = p + "-stats", .module = module, .code = 2050, .options = {GRP}, .rows = &STATS, .help = "statistics"},
+        {.name = p + "-rename",
+         .module = module,
+         .code = 2053,
+         .args = {ID, {"NAME", "sysname="}},
+         .edit = edit,
+         .help = "set the display name"},
+        {.name = p + "-setgrp",
+         .module = module,
+         .code = 2053,
+         .args = {ID, {"GROUP", "grpid="}},
+         .edit = edit,
+         .help = "set the group"},
+        {.name = p + "-remove",
+         .module = module,
+         .code = 2052,
+         .args = {ID},
+         .help = std::string("forget the ") + noun},
+    };
+}
+
+// The two table pushes: one implementation in the daemon, one set here.
+std::vector<shortcut> relay(const char* m, const std::string& what)
+{
+    const std::string module = m;
+    return {
+        {.name = module + "-list",
+         .module = m,
+         .code = 2055,
+         .options = {GRP, SEARCH, {"--pushes", "istask=1", nullptr}},
+         .rows = &RELAY,
+         .help = "the " + what + " each gateway holds (--grp 10000: no group; --pushes: only gateways with a push; "
+                 "istask 1 marked, 2 sent, 3 failed, 4 done)"},
+        {.name = module + "-push",
+         .module = m,
+         .code = 2053,
+         .args = {ID, {"IPID", "ipid="}, {"FILE", "tblfname="}},
+         .options = {{"--group", "grpname=", "NAME"}},
+         .help = "push FILE to the gateway at its next report"},
+        {.name = module + "-clear", .module = m, .code = 2053, .fixed = "clear=1", .help = "unmark every push"},
+    };
+}
+
+std::vector<shortcut> build()
+{
+    const settable device{"device",
+                          "expire=2",
+                          &DEVICES,
+                          {{"grpid", "grpid"},
+                           {"sysname", "sys_name2"},
+                           {"address", "map_address"},
+                           {"lng", "longitude"},
+                           {"lat", "latitude"}}};
+    std::vector<shortcut> v = {
+        {.name = "devices",
+         .module = "cloud",
+         .code = 2055,
+         .options = {PAGE, LIMIT, {"--sort", "sortname=", "KEY", &DEVICE_SORT}, DESC, GRP, SEARCH,
+                     {"--expire", "expire=", "0-3"}, {"--equal", "showequal=1", nullptr}},
+         .rows = &DEVICES,
+         .help = "the gateways, a page of them"},
+        {.name = "stats", .module = "cloud", .code = 2050, .options = {GRP}, .rows = &STATS, .help = "statistics"},
+        {.name = "rename",
+         .module = "cloud",
+         .code = 2053,
+         .args = {ID, {"NAME", "sysname="}},
+         .edit = device,
+         .help = "set the display name"},
+        {.name = "setgrp",
+         .module = "cloud",
+         .code = 2053,
+         .args = {ID, {"GROUP", "grpid="}},
+         .edit = device,
+         .help = "set the group"},
+        {.name = "resetpass",
+         .module = "cloud",
+         .code = 2053,
+         .args = {ID, {"PASSWORD", "rootpass="}},
+         .options = {{"--mfadmin", "mfadminpass=", "N"}},
+         .help = "reset the root password"},
+        {.name = "range",
+         .module = "cloud",
+         .code = 2056,
+         .args = {{"MIN", "minport="}, {"MAX", "maxport="}},
+         .help = "change the mapping port range"},
+        {.name = "backups",
+         .module = "backup",
+         .code = 2050,
+         .rows = &BACKUPS,
+         .help = "backups in flight, appliances pinging, then the backups waiting for a ping"},
+        {.name = "apps",
+         .module = "backup",
+         .code = 2055,
+         .options = {PAGE, LIMIT, SEARCH, {"--reverse", "reverse=1", nullptr}, GRPS},
+         .rows = &APPS,
+         .help = "application inventory (--reverse with --search NAME[,VERSION]: the appliances that lack it; "
+                 "LIST: 1,2,3)"},
+        {.name = "appstart",
+         .module = "backup",
+         .code = 2053,
+         .args = {ID, {"APP", "app_name="}, {"STATE", "state="}},
+         .help = "ask the appliance to start APP"},
+        {.name = "upgrades",
+         .module = "upgrade",
+         .code = 2050,
+         .rows = &STATS,
+         .help = "firmware upgrades in flight and the limit"},
+        {.name = "upgrade-list",
+         .module = "upgrade",
+         .code = 2055,
+         .rows = &UPGRADES,
+         .help = "appliances announcing themselves for a firmware upgrade"},
+    };
+    auto append = [&](std::vector<shortcut> more) {
+        for (shortcut& s : more)
+            v.push_back(std::move(s));
+    };
+    append(family("frb", "frelbox", "cache appliance", &FRB, &FRB_SORT, "frname2"));
+    append({
+        {.name = "frb-tasks",
+         .module = "als_upgrade",
+         .code = 2055,
+         .options = {{"--devices", "showdevice=1", nullptr}, {"--task", "taskid=", "N"}},
+         .fixed = "showtask=1",
+         .rows = &FRB_TASKS,
+         .help = "cache-appliance upgrade tasks (--devices: and their appliances, of task N only)"},
+    });
+    append(family("log", "logserver", "log server", &LOGS, &LOG_SORT, "logsname2"));
+    append({
+        {.name = "tunnels",
+         .module = "sshport",
+         .code = 2055,
+         .options = {GRPS},
+         .rows = &TUNNELS,
+         .help = "SSH tunnels the gateways report"},
+        {.name = "tunnel-close",
+         .module = "sshport",
+         .code = 2052,
+         .args = {ID, {"BIGPORT", "bigport="}, {"MINPORT", "minport="}},
+         .help = "ask the gateway to close the tunnel"},
+        {.name = "game-list",
+         .module = "gamecloud",
+         .code = 2055,
+         .options = {PAGE, LIMIT, {"--sort", "sortname=", "KEY", &GAME_SORT}, DESC, GRP, SEARCH},
+         .defaults = "page=1 limit=2000",
+         .rows = &GAMES,
+         .help = "game acceleration nodes, all of them unless --page or --limit"},
+        {.name = "game-remove", .module = "gamecloud", .code = 2052, .args = {ID}, .help = "forget the node"},
+    });
+    append(relay("iptable", "IP table"));
+    append(relay("urldnsgrp", "URL/DNS group table"));
+    append({
+        {.name = "usragp-stats",
+         .module = "usragp",
+         .code = 2050,
+         .rows = &STATS,
+         .help = "gateways of the distribution, and how many fetch now"},
+        {.name = "usragp-groups",
+         .module = "usragp",
+         .code = 2055,
+         .args = {ID},
+         .rows = &USRAGP_GROUPS,
+         .help = "user application groups the gateway reported"},
+        {.name = "usragp-apps",
+         .module = "usragp",
+         .code = 2055,
+         .args = {ID},
+         .fixed = "showapp=1",
+         .rows = &USRAGP_APPS,
+         .help = "user applications the gateway reported"},
+        {.name = "usragp-devices",
+         .module = "usragp",
+         .code = 2055,
+         .fixed = "showdevice=1",
+         .rows = &USRAGP_DEVICES,
+         .help = "the distribution's gateways (status 0 waiting, 1 fetching, 2 done, 3 failed)"},
+        {.name = "usragp-start",
+         .module = "usragp",
+         .code = 2056,
+         .args = {{"IDS", "device="}},
+         .options = {{"--groups", "agp_name=", "LIST"}, {"--apps", "app=", "LIST"}},
+         .help = "publish groups or applications (LIST: a;b) for the gateways IDS (a;b)"},
+        {.name = "usragp-refresh",
+         .module = "usragp",
+         .code = 2058,
+         .args = {ID},
+         .help = "ask the gateway to report its groups and applications again"},
+    });
+    return v;
+}
+
+const std::vector<shortcut>& shortcuts()
+{
+    static const std::vector<shortcut> all = build();
+    return all;
+}
+
+std::string usage(const shortcut& s)
+{
+    std::string u = s.name;
+    for (const positional& a : s.args)
+        u += std::string(" ") + a.name;
+    for (const option& o : s.options)
+        u += std::string(" [") + o.flag + (o.value != nullptr ? std::string(" ") + o.value : "") + "]";
+    if (s.rows != nullptr)
+        u += " [--table|--json]";
+    return u;
+}
+
+std::string describe(const shortcut& s)
+{
+    std::string d = s.help;
+    for (const option& o : s.options)
+        if (o.keys != nullptr) {
+            d += "; KEY:";
+            for (const auto& [name, n] : *o.keys)
+                d += std::string(" ") + name;
         }
-        if (w.size() < 9) {
-            out += line + "\n";  // total=N
-            continue;
-        }
-        std::string row = w[0] + "|" + w[1];
-        for (size_t i = 2; i + 7 < w.size(); i++)
-            row += " " + w[i];
-        for (size_t i = w.size() - 7; i < w.size(); i++)
-            row += "|" + w[i];
-        out += row + "\n";
-    }
-    return cloudctl_align(out);
+    return d;
+}
+
+int bad_usage(const shortcut& s)
+{
+    std::fprintf(stderr, "usage: cloudctl [-r ROOT | -s SOCKET] %s [--raw]\n  %s\n", usage(s).c_str(),
+                 describe(s).c_str());
+    return 1;
 }
 
 // The error of a reply, printed, as the exit status; 0 when it has none.
@@ -95,284 +484,188 @@ int failed(const cloudctl_result& r)
     return 0;
 }
 
-void print_text(std::string text)
-{
-    if (!text.empty() && text.back() != '\n')
-        text += '\n';  // "ok" comes bare; keep the prompt on its own line
-    std::fputs(text.c_str(), stdout);
-}
-
-// Prints a listing of space-separated values, with --table as aligned
-// columns under COLUMNS (see cloudctl_rows.h).
-int finish_rows(const cloudctl_result& r, bool table, const std::vector<std::string>& columns)
-{
-    if (int rc = failed(r))
-        return rc;
-    print_text(table ? cloudctl_space_rows(r.text(), columns) : r.text());
-    return 0;
-}
+enum class view { plain, raw, table, json };
 
 // Prints the reply, or the error, and gives the exit status.
-int finish(const cloudctl_result& r, bool table, bool apps = false)
+int show(const cloudctl_result& r, const listing* rows, view how)
 {
     if (int rc = failed(r))
         return rc;
     std::string text = r.text();
-    if (table && apps) {
-        text = app_rows(text);
-    } else if (table) {
-        // The reply's header names 30 columns for 32 values: people get
-        // the real names.
-        size_t eol = text.find('\n');
-        if (eol != std::string::npos)
-            text = std::string(LIST_COLUMNS) + text.substr(eol);
-        text = cloudctl_align(text);
+    if (how == view::raw) {
+        std::fwrite(text.data(), 1, text.size(), stdout);
+        return 0;
     }
-    print_text(text);
+    if (how == view::table)
+        text = cloudctl_table(text, *rows);
+    else if (how == view::json)
+        text = cloudctl_json(text, *rows);
+    if (!text.empty() && text.back() != '\n')
+        text += '\n';  // "ok" comes bare; keep the prompt on its own line
+    std::fputs(text.c_str(), stdout);
     return 0;
 }
 
 // Values reach the daemon as name=value words: a blank would split them.
-bool word_ok(const std::string& v, const char* what)
+bool word_ok(const std::string& v, const std::string& what)
 {
     if (v.find_first_of(" \t\r\n") == std::string::npos)
         return true;
-    std::fprintf(stderr, "cloudctl: %s must not contain blanks\n", what);
+    std::fprintf(stderr, "cloudctl: %s must not contain blanks\n", what.c_str());
     return false;
 }
 
-// The list row of device ID, found with the whole list.
-std::vector<std::string> device_row(const std::string& sock, const std::string& id)
+std::optional<std::string> value_of(const std::vector<std::string>& words, const std::string& name)
 {
-    cloudctl_result r = cloudctl_command(sock, "cloud", 2055, "expire=2", 4 << 20);
-    std::istringstream in(r.text());
-    for (std::string line; std::getline(in, line);) {
-        std::vector<std::string> v;
-        std::stringstream ls(line);
-        for (std::string f; std::getline(ls, f, '|');)
-            v.push_back(f);
-        if (v.size() >= 32 && v[4] == id)
-            return v;
-    }
-    return {};
+    for (const std::string& w : words)
+        if (w.compare(0, name.size() + 1, name + "=") == 0)
+            return w.substr(name.size() + 1);
+    return std::nullopt;
 }
 
-// The settings command rewrites group, display name, address and
-// coordinates together: send the current ones with the one that changes.
-int edit(const std::string& sock, const std::string& id, const std::string* name, const std::string* grp)
+// The settings command of S with WORDS, the settings not given taken from
+// the appliance's list row.
+int edit(const std::string& sock, const shortcut& s, const std::vector<std::string>& words, view how)
 {
-    std::vector<std::string> row = device_row(sock, id);
-    if (row.empty()) {
-        std::fprintf(stderr, "cloudctl: no device %s\n", id.c_str());
-        return 1;
-    }
-    std::string args = "license_id12=" + id + " grpid=" + (grp ? *grp : row[13]) + " sysname=" +
-                       (name ? *name : row[15]) + " address=" + row[21] + " lng=" + row[19] + " lat=" + row[20];
-    return finish(cloudctl_command(sock, "cloud", 2053, args), false);
-}
-
-// The same for a cache appliance: its 2053 sets group, name, address and
-// coordinates together, so the current ones are read from its list row
-// (27 space-separated values) and sent again.
-int frb_edit(const std::string& sock, const std::string& id, const std::string* name, const std::string* grp)
-{
-    std::string low = id;
-    for (char& c : low)
-        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    cloudctl_result r = cloudctl_command(sock, "frelbox", 2055, "page=1 limit=2000 sch=" + low, 4 << 20);
-    if (int rc = failed(r))
+    const settable& e = *s.edit;
+    const std::string id = value_of(words, "license_id12").value_or("");
+    cloudctl_result list = cloudctl_command(sock, s.module, 2055, e.list_args, REPLY_CAPACITY);
+    if (int rc = failed(list))
         return rc;
-    std::vector<std::string> row;
-    std::string text = r.text();
-    for (size_t at = 0, nl; (nl = text.find('\n', at)) != std::string::npos; at = nl + 1) {
-        std::string line = text.substr(at, nl - at);
-        if (line.rfind(id + " ", 0) != 0)
+    for (const cloudctl_line& l : cloudctl_parse(list.text(), *e.rows)) {
+        if (l.part < 0 || l.header)
             continue;
-        for (size_t p = 0; p <= line.size();) {
-            size_t e = line.find(' ', p);
-            if (e == std::string::npos)
-                e = line.size();
-            row.push_back(line.substr(p, e - p));
-            p = e + 1;
+        const std::vector<cloudctl_column>& cols = (*e.rows)[static_cast<size_t>(l.part)].columns;
+        auto cell = [&](const char* name) {
+            for (size_t i = 0; i < cols.size(); i++)
+                if (cols[i].name == name)
+                    return l.cells[i];
+            return std::string();
+        };
+        if (cell("license_id12") != id)
+            continue;
+        std::string args = "license_id12=" + id;
+        for (const auto& [word, column] : e.keep) {
+            const std::string v = value_of(words, word).value_or(cell(column));
+            if (!word_ok(v, std::string("the ") + column + " of " + id))
+                return 1;
+            args += std::string(" ") + word + "=" + v;
         }
-        break;
+        return show(cloudctl_command(sock, s.module, s.code, args), nullptr, how);
     }
-    if (row.size() != 27) {
-        std::fprintf(stderr, "cloudctl: no cache appliance %s\n", id.c_str());
+    std::fprintf(stderr, "cloudctl: no %s %s\n", e.what, id.c_str());
+    return 1;
+}
+
+// The blank-separated words of TEXT.
+std::vector<std::string> words_of(const char* text)
+{
+    std::vector<std::string> w;
+    for (const char* p = text; *p != '\0';) {
+        const size_t n = std::strcspn(p, " ");
+        if (n > 0)
+            w.emplace_back(p, n);
+        p += n + (p[n] == ' ' ? 1 : 0);
+    }
+    return w;
+}
+
+int run(const shortcut& s, const std::string& sock, int argc, char** argv)
+{
+    view how = view::plain;
+    std::vector<std::string> pos, words;
+    for (int i = 1; i < argc; i++) {
+        const std::string a = argv[i];
+        if (a == "--raw" || a == "--table" || a == "--json") {
+            if (how != view::plain) {
+                std::fprintf(stderr, "cloudctl: --raw, --table and --json exclude each other\n");
+                return 1;
+            }
+            how = a == "--raw" ? view::raw : a == "--table" ? view::table : view::json;
+            continue;
+        }
+        if (a.rfind("--", 0) != 0) {
+            pos.push_back(a);
+            continue;
+        }
+        const option* o = nullptr;
+        for (const option& c : s.options)
+            if (a == c.flag)
+                o = &c;
+        if (o == nullptr)
+            return bad_usage(s);
+        if (o->value == nullptr) {
+            words.emplace_back(o->word);
+            continue;
+        }
+        if (i + 1 >= argc) {
+            std::fprintf(stderr, "cloudctl: %s needs a value\n", a.c_str());
+            return 1;
+        }
+        std::string v = argv[++i];
+        if (o->keys != nullptr) {
+            const sort_keys& keys = *o->keys;
+            auto k = std::find_if(keys.begin(), keys.end(), [&](const auto& key) { return v == key.first; });
+            if (k == keys.end())
+                return bad_usage(s);
+            v = std::to_string(k->second);
+        }
+        if (!word_ok(v, "the value of " + a))
+            return 1;
+        words.push_back(o->word + v);
+    }
+    if (pos.size() != s.args.size())
+        return bad_usage(s);
+    if ((how == view::table || how == view::json) && s.rows == nullptr) {
+        std::fprintf(stderr, "cloudctl: %s prints no listing\n", s.name.c_str());
         return 1;
     }
-    std::string args = "license_id12=" + id + " grpid=" + (grp ? *grp : row[1]) + " sysname=" +
-                       (name ? *name : row[23]) + " address=" + row[20] + " lng=" + row[21] + " lat=" + row[22];
-    return finish(cloudctl_command(sock, "frelbox", 2053, args), false);
+    for (size_t i = 0; i < pos.size(); i++) {
+        if (!word_ok(pos[i], s.args[i].name))
+            return 1;
+        words.insert(words.begin() + static_cast<std::ptrdiff_t>(i), s.args[i].word + pos[i]);
+    }
+    for (const std::string& w : words_of(s.fixed))
+        words.push_back(w);
+    for (const std::string& w : words_of(s.defaults))
+        if (!value_of(words, w.substr(0, w.find('='))))
+            words.push_back(w);
+    if (s.edit)
+        return edit(sock, s, words, how);
+    std::string args;
+    for (const std::string& w : words)
+        args += (args.empty() ? "" : " ") + w;
+    return show(cloudctl_command(sock, s.module, s.code, args, REPLY_CAPACITY), s.rows, how);
 }
 
 }  // namespace
 
-void cloudctl_shortcut_usage()
+void cloudctl_shortcut_help(FILE* out)
 {
-    std::fprintf(stderr,
-                 "shortcuts (module cloud):\n"
-                 "  devices [--page N] [--limit N] [--sort KEY] [--desc] [--grp N] [--search TEXT]\n"
-                 "          [--expire 0-3] [--equal] [--table]     list (KEY: id time start end users\n"
-                 "          flows up down uptime version temp cpu name)\n"
-                 "  stats [--grp N]                                  statistics\n"
-                 "  rename ID NAME                                   set the display name\n"
-                 "  setgrp ID GROUP                                  set the group\n"
-                 "  resetpass ID PASSWORD [--mfadmin N]              reset the root password\n"
-                 "  range MIN MAX                                    change the mapping port range\n"
-                 "shortcuts (module backup):\n"
-                 "  backups                                          backups in flight, appliances\n"
-                 "                                                   pinging, backups waiting for a ping\n"
-                 "  apps [--page N] [--limit N] [--search TEXT] [--reverse] [--grp LIST] [--table]\n"
-                 "                                                   application inventory (--reverse\n"
-                 "                                                   with --search NAME[,VERSION]: the\n"
-                 "                                                   appliances that lack it; LIST: 1,2,3)\n"
-                 "  appstart ID APP STATE                            ask appliance ID to start APP\n"
-                 "shortcuts (module upgrade, gateway firmware):\n"
-                 "  upgrades                                         upgrades in flight and the limit\n"
-                 "  upgrade-list [--table]                           appliances announcing themselves\n"
-                 "shortcuts (modules frelbox and als_upgrade, cache appliances):\n"
-                 "  frb-list [--page N] [--limit N] [--sort KEY] [--desc] [--search TEXT] [--grp N]\n"
-                 "           [--expire 0-2] [--table]                list (KEY: id time start end bdw\n"
-                 "                                                   flow bpsout bpsin boot ver cpu name;\n"
-                 "                                                   without --page and --limit: all)\n"
-                 "  frb-stats [--grp N]                              statistics\n"
-                 "  frb-rename ID NAME | frb-setgrp ID GROUP | frb-remove ID\n"
-                 "  frb-tasks [--devices] [--task N] [--table]       upgrade tasks (--devices: and their\n"
-                 "                                                   appliances, of task N only)\n");
+    std::fprintf(out,
+                 "shortcuts: cloudctl [-r ROOT | -s SOCKET] SHORTCUT [ARGS] [--raw | --table | --json]\n"
+                 "  --raw the reply as received; listings only: --table aligned columns in units,\n"
+                 "  --json one object per row or name=value line\n");
+    const char* module = "";
+    for (const shortcut& s : shortcuts()) {
+        if (std::strcmp(module, s.module) != 0)
+            std::fprintf(out, "module %s:\n", module = s.module);
+        std::fprintf(out, "  %s\n      %s\n", usage(s).c_str(), describe(s).c_str());
+    }
+}
+
+std::vector<std::string> cloudctl_shortcut_names()
+{
+    std::vector<std::string> names;
+    for (const shortcut& s : shortcuts())
+        names.push_back(s.name);
+    return names;
 }
 
 int cloudctl_shortcut(const std::string& sock, int argc, char** argv)
 {
-    static const std::set<std::string> NAMES = {
-        "devices",  "stats",        "rename",   "setgrp",    "resetpass", "range",    "backups",
-        "apps",     "appstart",     "upgrades", "upgrade-list", "frb-list", "frb-stats", "frb-tasks",
-        "frb-rename", "frb-setgrp", "frb-remove"};
-    const std::string cmd = argv[0];
-    if (NAMES.count(cmd) == 0)
-        return -1;
-    const bool frb = cmd.rfind("frb-", 0) == 0;
-    std::vector<std::string> pos;
-    std::string args;
-    bool table = false, paged = false, sorted = false, desc = false, devices = false;
-    auto add = [&](const std::string& w) { args += (args.empty() ? "" : " ") + w; };
-    for (int i = 1; i < argc; i++) {
-        std::string a = argv[i];
-        auto next = [&]() -> std::string {
-            if (i + 1 >= argc) {
-                std::fprintf(stderr, "cloudctl: %s needs a value\n", a.c_str());
-                std::exit(1);
-            }
-            return argv[++i];
-        };
-        if (a == "--table") {
-            table = true;
-        } else if (a == "--desc") {
-            add("sortdesc=1");
-            desc = true;
-        } else if (a == "--equal") {
-            add("showequal=1");
-        } else if (a == "--page" || a == "--limit" || a == "--expire") {
-            add(a.substr(2) + "=" + next());
-            paged |= a != "--expire";
-        } else if (a == "--devices" && cmd == "frb-tasks")
-            devices = true;
-        else if (a == "--task" && cmd == "frb-tasks")
-            add("taskid=" + next());
-        else if (a == "--reverse" && cmd == "apps")
-            add("reverse=1");
-        else if (a == "--grp" && cmd == "apps") {
-            std::string g = next();
-            if (!word_ok(g, "the group list"))
-                return 1;
-            add("usergrp=" + g);
-        } else if (a == "--grp")
-            add("grpid=" + next());
-        else if (a == "--mfadmin")
-            add("mfadminpass=" + next());
-        else if (a == "--search") {
-            std::string s = next();
-            if (!word_ok(s, "the search text"))
-                return 1;
-            add("sch=" + s);
-        } else if (a == "--sort") {
-            const auto& keys = frb ? FRB_SORT_KEYS : SORT_KEYS;
-            auto k = keys.find(next());
-            if (k == keys.end()) {
-                cloudctl_shortcut_usage();
-                return 1;
-            }
-            add("sortname=" + std::to_string(k->second));
-            sorted = true;
-        } else if (a.rfind("--", 0) == 0) {
-            cloudctl_shortcut_usage();
-            return 1;
-        } else {
-            pos.push_back(a);
-        }
-    }
-
-    if (cmd == "devices" && pos.empty())
-        return finish(cloudctl_command(sock, "cloud", 2055, args, 4 << 20), table);
-    if (cmd == "stats" && pos.empty())
-        return finish(cloudctl_command(sock, "cloud", 2050, args), false);
-    if (cmd == "rename" && pos.size() == 2)
-        return word_ok(pos[1], "the name") ? edit(sock, pos[0], &pos[1], nullptr) : 1;
-    if (cmd == "setgrp" && pos.size() == 2)
-        return edit(sock, pos[0], nullptr, &pos[1]);
-    if (cmd == "resetpass" && pos.size() == 2) {
-        if (!word_ok(pos[1], "the password"))
-            return 1;
-        add("license_id12=" + pos[0] + " rootpass=" + pos[1]);
-        return finish(cloudctl_command(sock, "cloud", 2053, args), false);
-    }
-    if (cmd == "backups" && pos.empty() && args.empty())
-        return finish(cloudctl_command(sock, "backup", 2050, ""), false);
-    if (cmd == "apps" && pos.empty())
-        return finish(cloudctl_command(sock, "backup", 2055, args, 4 << 20), table, true);
-    if (cmd == "appstart" && pos.size() == 3) {
-        if (!word_ok(pos[0], "the identifier") || !word_ok(pos[1], "the application") ||
-            !word_ok(pos[2], "the state"))
-            return 1;
-        return finish(cloudctl_command(sock, "backup", 2053,
-                                       "license_id12=" + pos[0] + " app_name=" + pos[1] + " state=" + pos[2]),
-                      false);
-    }
-    if (cmd == "upgrades" && pos.empty() && args.empty())
-        return finish(cloudctl_command(sock, "upgrade", 2050, ""), false);
-    if (cmd == "upgrade-list" && pos.empty() && args.empty())
-        return finish_rows(cloudctl_command(sock, "upgrade", 2055, "", 4 << 20), table, UPGRADE_COLUMNS);
-    if (cmd == "frb-list" && pos.empty()) {
-        // The daemon lists nothing on page 0 or with limit 0, and leaves
-        // the slot order when a sort key comes without its direction.
-        if (!paged)
-            add("page=1 limit=2000");
-        if (sorted && !desc)
-            add("sortdesc=0");
-        return finish_rows(cloudctl_command(sock, "frelbox", 2055, args, 4 << 20), table, FRB_COLUMNS);
-    }
-    if (cmd == "frb-rename" && pos.size() == 2)
-        return word_ok(pos[1], "the name") ? frb_edit(sock, pos[0], &pos[1], nullptr) : 1;
-    if (cmd == "frb-setgrp" && pos.size() == 2)
-        return frb_edit(sock, pos[0], nullptr, &pos[1]);
-    if (cmd == "frb-remove" && pos.size() == 1)
-        return finish(cloudctl_command(sock, "frelbox", 2052, "license_id12=" + pos[0]), false);
-    if (cmd == "frb-stats" && pos.empty())
-        return finish(cloudctl_command(sock, "frelbox", 2050, args), false);
-    if (cmd == "frb-tasks" && pos.empty()) {
-        add(devices ? "showtask=1 showdevice=1" : "showtask=1");
-        cloudctl_result r = cloudctl_command(sock, "als_upgrade", 2055, args, 4 << 20);
-        if (int rc = failed(r))
-            return rc;
-        std::string text = r.text();
-        if (table)
-            text = cloudctl_space_parts(text,
-                                        {{FRB_TASK_HEADER, FRB_TASK_COLUMNS}, {FRB_DEVICE_HEADER, FRB_DEVICE_COLUMNS}});
-        print_text(text);
-        return 0;
-    }
-    if (cmd == "range" && pos.size() == 2)
-        return finish(cloudctl_command(sock, "cloud", 2056, "minport=" + pos[0] + " maxport=" + pos[1]), false);
-    cloudctl_shortcut_usage();
-    return 1;
+    for (const shortcut& s : shortcuts())
+        if (s.name == argv[0])
+            return run(s, sock, argc, argv);
+    return -1;
 }

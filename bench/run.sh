@@ -28,7 +28,10 @@
 #     BENCH_UPGRADE_TIME seconds (default 2): time until every row is final,
 #     the most upgrades in flight seen by the daemon (upgrading_num, polled)
 #     and by vtsim (orders not yet ended), and CPU per announcement of the
-#     upgrade thread, during the campaign, with nothing due and in a burst.
+#     upgrade thread, during the campaign, with nothing due and in a burst;
+#   - the cost of the metrics endpoint: status-report ingest with
+#     metrics_port= off and on (scraped every second), alternating, and the
+#     receive thread's CPU per datagram in each.
 # Sections: registry (ingest, registration, commands, memory, start-up),
 # backup, upgrade.
 # Everything it starts is stopped on exit, by PID.
@@ -92,6 +95,7 @@ work=$(mktemp -d /tmp/cloud-bench.XXXXXX)
 readonly work root="$work/root"
 daemon_pid=
 sink_pid=
+scrape_pid=
 bsim_pid=
 usim_pid=
 db_started=0
@@ -116,6 +120,7 @@ stop_pid() {
 cleanup() {
     local rc=$?
     stop_pid "$sink_pid"
+    stop_pid "$scrape_pid"
     stop_pid "$bsim_pid"
     stop_pid "$usim_pid"
     stop_pid "$daemon_pid"
@@ -131,6 +136,13 @@ trap 'exit 130' INT TERM
 free_udp_port() {
     python3 -c 'import socket
 s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+s.bind(("127.0.0.1", 0))
+print(s.getsockname()[1])'
+}
+
+free_tcp_port() {
+    python3 -c 'import socket
+s = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
 s.bind(("127.0.0.1", 0))
 print(s.getsockname()[1])'
 }
@@ -451,6 +463,54 @@ for rate in 20000 50000; do
 done
 LOAD_ARGS=()
 stop_daemon
+
+# ---------------------------------------------------------------- 4c. cost of the metrics endpoint
+# The same status-report load with metrics_port= absent and present, in the
+# order off, on, on, off (a slow spell of the machine hits both alike; the
+# better run of each is kept). While on, a client scrapes every second.
+MPORT=$(free_tcp_port)
+readonly MPORT METRICS_SECONDS=6 METRICS_RATE=50000
+conf_plain=$(cat "$root/etc/cloud.conf")
+declare -A M_prate M_ns M_loss
+scrapes=0
+for mode in off on on off; do
+    stop_daemon
+    if [[ "$mode" == on ]]; then
+        printf '%s\nmetrics_port=%s\n' "$conf_plain" "$MPORT" >"$root/etc/cloud.conf"
+    else
+        printf '%s\n' "$conf_plain" >"$root/etc/cloud.conf"
+    fi
+    start_daemon
+    if [[ "$mode" == on ]]; then
+        python3 -c 'import sys, time, urllib.request
+n = 0
+while True:
+    urllib.request.urlopen(sys.argv[1], timeout=5).read()
+    n += 1
+    print(n, flush=True)
+    time.sleep(1)' "http://127.0.0.1:$MPORT/metrics" >"$work/scrapes.out" 2>&1 &
+        scrape_pid=$!
+    fi
+    log "metrics $mode: ingest at ${METRICS_RATE}/s"
+    load_step daemon "$METRICS_RATE" "$METRICS_SECONDS"
+    if [[ "$mode" == on ]]; then
+        stop_pid "$scrape_pid"
+        scrape_pid=
+        n=$(tail -n 1 "$work/scrapes.out")
+        [[ "$n" =~ ^[0-9]+$ ]] || die "the scraper failed: $(tail -n 3 "$work/scrapes.out")"
+        scrapes=$((scrapes + n))
+    fi
+    if [[ -z "${M_ns[$mode]:-}" ]] || ((r_ns < M_ns[$mode])); then
+        M_prate[$mode]=$r_prate M_ns[$mode]=$r_ns M_loss[$mode]=$r_loss
+    fi
+done
+stop_daemon
+printf '%s\n' "$conf_plain" >"$root/etc/cloud.conf"
+metrics_line=$(awk -v po="${M_prate[on]}" -v pf="${M_prate[off]}" -v no="${M_ns[on]}" -v nf="${M_ns[off]}" \
+    -v lo="${M_loss[on]}" -v lf="${M_loss[off]}" -v s="${L_prate[sink:$METRICS_RATE]:-0}" 'BEGIN {
+    printf "  off: %d/s (loss %s%%, %d ns/datagram)  on: %d/s (loss %s%%, %d ns/datagram)\n", pf, lf, nf, po, lo, no
+    printf "  ingest on/off %.3f; daemon/sink off %.2f, on %.2f; receive-thread CPU on/off %+.1f%%",
+        (pf > 0 ? po / pf : 0), (s > 0 ? pf / s : 0), (s > 0 ? po / s : 0), (nf > 0 ? (no - nf) * 100 / nf : 0) }')
 fi  # registry
 
 if want backup; then
@@ -666,6 +726,9 @@ fi  # upgrade
     printf '%s\n' "$frb_burst"
     printf '  report ingest, %d appliances, %d-s steps, daemon vs bare loop:\n' "$GW" "$STEP_SECONDS"
     printf '%s\n' "${frb_lines[@]}"
+    printf '\n[4c] metrics endpoint: ingest at %d/s for %d s, off and on (%d scrapes, one a second)\n' \
+        "$METRICS_RATE" "$METRICS_SECONDS" "$scrapes"
+    printf '%s\n' "$metrics_line"
     fi
     if want backup; then
     printf '\n[5] configuration backups: %d gateways pinging every %ss, %d backups due at once\n' "$GW" \

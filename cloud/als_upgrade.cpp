@@ -8,6 +8,7 @@
 // through the cache-appliance registry.
 #include "als_upgrade.h"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstdio>
@@ -543,6 +544,20 @@ void alsup_mfini(jos_kernel_t*)
 }
 
 }  // namespace
+
+alsup_counts_t alsup_counts()
+{
+    alsup_counts_t c{};
+    std::lock_guard lk(_als_mtx);
+    for (const als_uptask_t& t : _uptask) {
+        if (t.taskid == 0)
+            continue;
+        c.tasks[std::clamp(t.status, int(T_NEW), int(T_DONE))]++;
+        for (const als_upqueue_t* q = t.head; q != nullptr; q = q->next)
+            c.orders[std::clamp(q->status, int(Q_WAITING), int(Q_FAILED))]++;
+    }
+    return c;
+}
 
 // A report: "log" (its text), "license_id12" or "key", "new_ver", "taskid"
 // and "fail" (0 success, 1 failure, absent or other: progress only).

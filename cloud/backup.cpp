@@ -582,15 +582,7 @@ bool mapping_running()
 // The key file exists only while a backup is in flight or a mapping runs.
 void mappingexists(void*)
 {
-    if (mapping_running())
-        return;
-    int inflight = 0;
-    {
-        std::lock_guard lk(_backup_mtx);
-        for (int i = 0; i < _device_count; i++)
-            inflight += _backup_pool[i].backup_over == 0;
-    }
-    if (inflight == 0)
+    if (!mapping_running() && backup_inflight() == 0)
         unlink(keyfile().c_str());
 }
 
@@ -669,6 +661,15 @@ void backup_mfini(jos_kernel_t*)
 }
 
 }  // namespace
+
+int backup_inflight()
+{
+    std::lock_guard lk(_backup_mtx);
+    int n = 0;
+    for (int i = 0; i < _device_count; i++)
+        n += _backup_pool[i].backup_over == 0;
+    return n;
+}
 
 // A gateway seen for the first time gets a daily backup, due at once,
 // when /etc/cloud.conf has "backup_auto=1". The name is converted from

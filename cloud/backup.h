@@ -136,6 +136,8 @@ struct cloud_backuplist_t {
 constexpr size_t BACKUP_LIST_SIZE = 2000;
 
 int backup_auto(const char* license_id12, const char* cname);
+// Gateways whose backup has started and not finished.
+int backup_inflight();
 void appup_upgrade_over(const char* license_id12);
 extern jos_module_t backup_module;
 

@@ -25,6 +25,7 @@
 #include "jos_timer.h"
 #include "lnglat.h"
 #include "logserver.h"
+#include "metrics.h"
 #include "sshport.h"
 #include "table_relay.h"
 #include "wxcmd.h"
@@ -187,8 +188,10 @@ static void cloud_status(char* buf, uint32_t ip, uint16_t port)
     const auto* r = reinterpret_cast<const devinfo_recv_bps_t*>(buf);
     // 13 characters or more never enter the pool, nor does an empty name,
     // which would mark the slot free.
-    if (r->license_id12[12] != '\0' || r->license_id12[0] == '\0')
+    if (r->license_id12[12] != '\0' || r->license_id12[0] == '\0') {
+        met_dgram_dropped(buf, sizeof(*r));
         return;
+    }
     const uint32_t now = now32();
 
     _devpool.mtx.lock();
@@ -199,6 +202,7 @@ static void cloud_status(char* buf, uint32_t ip, uint16_t port)
         d = _devpool.alloc();
         if (d == nullptr) {
             _devpool.mtx.unlock();
+            met_dgram_dropped(buf, sizeof(*r));
             return;
         }
         d->sys_name2[0] = '\0';
@@ -389,6 +393,7 @@ void return_handle(const char* argstr, const char* ip, uint16_t port)
 
 void cloud_dgram(char* buf, int len, uint32_t ip, uint16_t port)
 {
+    met_dgram(buf, len);
     if (std::memcmp(buf, "FRB", 3) == 0) {
         frelbox_main(buf, len, ip, port, &sock);
         return;
@@ -618,6 +623,7 @@ static int cloud_minit(jos_kernel_t*)
     }
     lnglat_init();
     _devpool.mtx.word = 0;
+    met_appliances("VTR", cloud_counts);
     dbw_start(static_cast<size_t>(std::max(0, cloudconf_int("db_queue_max", 0))));
     return 0;
 }

@@ -227,6 +227,8 @@ extern device_pool_t _devpool;
 extern devlist_t* _lastobjchk;
 
 int cloud_devpool_init();
+// Gateways in the pool, and those that reported within the last minute.
+void cloud_counts(size_t* known, size_t* online);
 int device_hash(const char* key);
 devlist_t* device_find(const char* license_id12);
 void device_getsysname(const char* license_id12, char* dest, int size, uint16_t* grpid);

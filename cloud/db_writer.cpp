@@ -2,6 +2,7 @@
 // thread that runs them in order on one kept connection.
 #include "db_writer.h"
 
+#include <pthread.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -16,6 +17,8 @@
 #include <thread>
 #include <vector>
 
+#include "metrics.h"
+
 namespace {
 
 constexpr size_t kBatchStmts = 256;         // statements per round trip
@@ -29,6 +32,7 @@ struct item {
     int stream = 0;
     const char* report = nullptr;
     bool repaired = false;  // the table was repaired once for this statement
+    uint64_t handed = 0;    // met_now() at the hand-over
     std::string sql;
     dbw_job job;
 };
@@ -69,6 +73,7 @@ bool any_dirty()
 
 int enqueue(item&& it)
 {
+    it.handed = met_now();
     std::lock_guard lk(_mu);
     if (!valid(it.stream) || _stopping) {
         _st.dropped++;
@@ -257,6 +262,9 @@ bool writer_round(mysql_conn& c)
                 std::printf("%s\n", c.error());
         },
         ok);
+    const uint64_t answered = met_now();
+    for (size_t i = 0; i < done; i++)
+        met_db_answered(answered - work[i].handed);
     {
         std::lock_guard lk(_mu);
         _st.written += ok;
@@ -283,6 +291,7 @@ std::unique_ptr<mysql_conn> writer_connect()
 
 void writer_main()
 {
+    pthread_setname_np(pthread_self(), "db_writer");
     std::unique_ptr<mysql_conn> c;
     int backoff = kBackoffMinMs;
     bool down = false;

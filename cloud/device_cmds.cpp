@@ -101,6 +101,17 @@ bool dev_expiring(const devlist_t* d, uint32_t now)
 
 }  // namespace
 
+void cloud_counts(size_t* known, size_t* online)
+{
+    const uint32_t now = now32();
+    size_t failed = 0;
+    _devpool.mtx.lock();
+    _devpool.each([&](const devlist_t* d) { failed += dev_failed(d, now); });
+    *known = _devpool.count();
+    _devpool.mtx.unlock();
+    *online = *known - failed;
+}
+
 static void cloud_stat(jos_cmdarg_t* ca, const cmd_args& a)
 {
     grp_filter f(a, ",");

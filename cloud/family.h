@@ -56,6 +56,7 @@
 #include "ipe_string.h"
 #include "jos_cmds.h"
 #include "jos_thread.h"
+#include "metrics.h"
 #include "sshport.h"
 
 constexpr size_t FAM_POOL_SIZE = 2000;
@@ -246,8 +247,10 @@ struct family {
     // IP:PORT, received on *SOCKP. No reply is sent to a report.
     static void receive(char* buf, int len, uint32_t ip, uint16_t port, const int* sockp)
     {
-        if (len < 8)
+        if (len < 8) {
+            met_dgram_dropped(buf, len);
             return;
+        }
         const char* body = buf + 8;
         if constexpr (D::has_tags) {
             if (std::strncmp(body, "tag", 3) == 0) {
@@ -272,8 +275,10 @@ struct family {
         });
         // Without an identifier nothing is stored (a tagged body was
         // handled above).
-        if (s.license_id12[0] == '\0')
+        if (s.license_id12[0] == '\0') {
+            met_dgram_dropped(buf, len);
             return;
+        }
         const int pmax = fam_port_max();
         const uint32_t now = now32();
         const int sock = sockp != nullptr ? *sockp : -1;
@@ -313,8 +318,9 @@ struct family {
             pool.link(r);
             tomysql("add", r);
         }
-        // else: the pool is full and the report is dropped.
         pool.mtx.unlock();
+        if (r == nullptr)  // the pool is full
+            met_dgram_dropped(buf, len);
     }
 
     // The table rewritten from the pool: delete, then one "add" per record
@@ -393,6 +399,7 @@ struct family {
         if (c.ok())
             load(c);
         tick_ms = fam_tick_ms();
+        met_appliances(D::magic, counts);
         td_discon = jos_thread_register(D::thread_name, 0, discon);
         if (td_discon == nullptr) {
             std::puts(D::thread_fail);
@@ -434,6 +441,19 @@ struct family {
     // Management commands. Every record is copied or changed under the
     // pool lock; replies are formatted after it is released.
     // ---------------------------------------------------------------------
+
+    // Records in the pool, and those that reported within FAM_SILENT.
+    static void counts(size_t* known, size_t* online)
+    {
+        const uint32_t now = now32();
+        size_t silent = 0;
+        pool.mtx.lock();
+        if (pool.first() != nullptr)
+            pool.each([&](const rec_t* r) { silent += r->actime + FAM_SILENT < now; });
+        *known = pool.count();
+        pool.mtx.unlock();
+        *online = *known - silent;
+    }
 
     static void cmd_stat(jos_cmdarg_t* ca, const jos_cmd_args& a)
     {

@@ -20,6 +20,7 @@ extern jos_module_t thread_module;
 extern jos_module_t config_module;
 extern jos_module_t delaymb_module;
 extern jos_module_t dbf_module;
+extern jos_module_t metrics_module;
 
 jos_module_t* const _module_data[] = {
     &cloud_module,
@@ -40,6 +41,7 @@ jos_module_t* const _module_data[] = {
     &config_module,
     &delaymb_module,
     &dbf_module,
+    &metrics_module,
 };
 
 const size_t _module_count = sizeof(_module_data) / sizeof(_module_data[0]);

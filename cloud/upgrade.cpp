@@ -402,4 +402,10 @@ void upgrade_mfini(jos_kernel_t*)
 
 }  // namespace
 
+upgrade_counts_t upgrade_counts()
+{
+    std::lock_guard lk(_upgrade_mtx);
+    return {upgrading_num, _ipport.first() != nullptr ? static_cast<int>(_ipport.count()) : 0};
+}
+
 jos_module_t upgrade_module = {"upgrade", 0x09000000, -1, upgrade_minit, upgrade_mfini, upgrade_ioctl, nullptr};

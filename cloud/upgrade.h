@@ -63,4 +63,12 @@ struct cloud_ipportinfo_t {
 constexpr size_t UPGRADE_POOL_SIZE = 2000;
 using upgrade_pool_t = ipe_pool<cloud_ipportinfo_t, UPGRADE_POOL_SIZE, 128, &cloud_ipportinfo_t::license_id12>;
 
+// Downloads in flight (the count may drift below zero) and appliances in
+// the table of the running campaigns.
+struct upgrade_counts_t {
+    int inflight;
+    int listed;
+};
+upgrade_counts_t upgrade_counts();
+
 extern jos_module_t upgrade_module;

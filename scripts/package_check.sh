@@ -28,7 +28,7 @@ check '-rw-------' /etc/cloud.db.conf
 check '-rw-r--r--' /usr/logd/bin/log.conf
 check '-rw-r--r--' /lib/systemd/system/cloud.service
 deps=$(dpkg-deb -f "$deb" Depends)
-[[ "$deps" == *libmariadb3* && "$deps" == *libcurl4* ]] || { echo "package check: Depends is '$deps'" >&2; status=1; }
+[[ "$deps" == *libmariadb3* && "$deps" == *libcurl4* && "$deps" == *libprometheus-cpp-pull1.0* ]] || { echo "package check: Depends is '$deps'" >&2; status=1; }
 [[ "$(dpkg-deb --ctrl-tarfile "$deb" | tar -xO ./conffiles)" == *"/etc/cloud.db.conf"* ]] ||
     { echo "package check: conffiles missing" >&2; status=1; }
 

@@ -14,6 +14,7 @@ PACKAGES=(
     googletest libgtest-dev libgmock-dev libbenchmark-dev
     mariadb-server mariadb-client libmariadb-dev
     libcurl4-openssl-dev libcrypt-dev
+    prometheus-cpp-dev libprometheus-cpp-core1.0 libprometheus-cpp-pull1.0
     clang libclang-rt-14-dev
     python3 procps
 )

@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <chrono>
 #include <cerrno>
 #include <ctime>
 #include <cstddef>
@@ -29,6 +30,7 @@ volatile std::sig_atomic_t _jos_exitflag;
 
 static jos_mgsock_t _mgsocks[JOS_MGSOCK_SLOTS];
 static long _mgmt_peeruid = -1;
+void (*jos_mgmt_cmdhook)(const jos_cmdarg_t*, const char*, uint64_t);
 
 long jos_mgmt_peeruid()
 {
@@ -131,7 +133,12 @@ static void mgmt_serve(int conn, jos_cmdarg_t& ca, bool received)
             ucred cred{};
             socklen_t clen = sizeof(cred);
             _mgmt_peeruid = getsockopt(conn, SOL_SOCKET, SO_PEERCRED, &cred, &clen) == 0 ? long(cred.uid) : -1;
+            char module[sizeof(ca.ca_errmsg)];
+            std::memcpy(module, ca.ca_errmsg, sizeof(module));
+            const auto t0 = std::chrono::steady_clock::now();
             jos_cmd_exec(&ca);
+            if (jos_mgmt_cmdhook != nullptr)
+                jos_mgmt_cmdhook(&ca, module, std::chrono::nanoseconds(std::chrono::steady_clock::now() - t0).count());
             _mgmt_peeruid = -1;
         }
     } else {

@@ -20,4 +20,7 @@ void jos_mgmt_run();
 // The user id of the client whose command is running (from SO_PEERCRED);
 // -1 outside a command from the socket.
 long jos_mgmt_peeruid();
+// Called after every command from the socket with MODULE as the client
+// named it and the nanoseconds the command took; null: nobody listens.
+extern void (*jos_mgmt_cmdhook)(const jos_cmdarg_t* ca, const char* module, uint64_t ns);
 extern jos_module_t mgmt_module;

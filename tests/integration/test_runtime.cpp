@@ -74,7 +74,8 @@ TEST_F(Runtime, ModuleListInLevelAndTieOrder)
     }
     std::vector<std::string> want = {"cmds",      "cpu",     "dbf",       "delaymb",     "thread",    "cloud",
                                      "backup",    "gamecloud", "frelbox", "iptable",     "urldnsgrp", "logserver",
-                                     "sshport",   "upgrade", "als_upgrade", "usragp",    "mgmt",      "config"};
+                                     "sshport",   "upgrade", "als_upgrade", "usragp",    "mgmt",      "metrics",
+                                     "config"};
     EXPECT_EQ(names, want);
     EXPECT_NE(r.text().find("cmds         0  00000000 "), std::string::npos) << r.text();
     EXPECT_NE(r.text().find("config       0  0d000000 "), std::string::npos) << r.text();

@@ -1,6 +1,7 @@
-// The simulator's datagram helpers and pacing, the /proc/net/udp drops, the
-// malformed set.
+// The simulator's datagram helpers and pacing, the texts of its roles, the
+// /proc/net/udp drops, the malformed set.
 #include "../../tools/vtsim/vtsim_proto.h"
+#include "../../tools/vtsim/vtsim_roles.h"
 
 #include <gtest/gtest.h>
 
@@ -234,10 +235,10 @@ TEST(Vtsim, UpgradeSocketRecords)
 // of a report reads back as one word, whatever blanks a value held.
 TEST(Vtsim, CacheApplianceTexts)
 {
-    bytes c = bytes_of(build_frb(std::string(600, 'x')));
+    bytes c = bytes_of(build_text(FRB_FAMILY.magic, std::string(600, 'x')));
     ASSERT_EQ(c.size(), 520u);
     expect_fields(c, {{4, 2, 40000}, {6, 2, 511}}, {{0, 4, "FRB"}, {8, 512, std::string(511, 'x')}});
-    expect_fields(bytes_of(build_frb("tag=FRBPWD")), {{6, 2, 10}});
+    expect_fields(bytes_of(build_text(FRB_FAMILY.magic, "tag=FRBPWD")), {{6, 2, 10}});
 
     frb_report r{.id = "FRB000000004", .by_key = true, .cpurate = 37, .cpu = "x86 8c", .board = "b1",
                  .mem = "16G", .boot = 7200, .name = "shop\tfloor 2", .ver = "V1.2", .bdw = 900, .start = 1704067200,
@@ -263,16 +264,17 @@ TEST(Vtsim, CacheApplianceTexts)
         EXPECT_EQ(frb_upgrade_text("FRB000000004", 12, "downloading", "V2", fail), want) << fail;
 
     // What the daemon sends: whole 520-byte texts only, orders decoded.
-    bytes order = bytes_of(build_frb("tag=frb_upgrade license_id12=FRB000000005 pktname=a.bin http_port=81 taskid=3"));
+    bytes order = bytes_of(
+        build_text(FRB_FAMILY.magic, "tag=frb_upgrade license_id12=FRB000000005 pktname=a.bin http_port=81 taskid=3"));
     incoming in = classify(order);
-    ASSERT_EQ(in.kind, incoming::FRB_TEXT);
+    ASSERT_EQ(in.kind, incoming::FAMILY_TEXT);
     EXPECT_EQ(in.id, "FRB000000005");
     upgrade_order u;
     ASSERT_TRUE(frb_order(in.text, u));
     EXPECT_EQ(std::tie(u.id, u.packet, u.task, u.port),
               std::make_tuple(std::string("FRB000000005"), std::string("a.bin"), 3L, 81L));
     EXPECT_FALSE(frb_order("mapping=1 webport=30001 sshport=30002", u));
-    EXPECT_EQ(classify(bytes_of(build_frb("mapping=1 webport=30001 sshport=30002"))).text,
+    EXPECT_EQ(classify(bytes_of(build_text(FRB_FAMILY.magic, "mapping=1 webport=30001 sshport=30002"))).text,
               "mapping=1 webport=30001 sshport=30002");
     bytes cut(order.begin(), order.end() - 1), foreign = order, vtr = order;
     foreign[2] = 'X';
@@ -280,6 +282,69 @@ TEST(Vtsim, CacheApplianceTexts)
     EXPECT_EQ(classify(cut).kind, incoming::OTHER);
     EXPECT_EQ(classify(foreign).kind, incoming::OTHER);
     EXPECT_EQ(classify(vtr).kind, incoming::COMMAND);
+
+    // Log servers: their own magic both ways, "key" the only identifier.
+    bytes map = bytes_of(build_text(LOG_FAMILY.magic, "mapping=1 webport=31000 sshport=31001"));
+    expect_fields(map, {{4, 2, 40000}, {6, 2, 37}}, {{0, 4, "LOG"}});
+    EXPECT_EQ(classify(map).kind, incoming::FAMILY_TEXT);
+    r.by_key = false;
+    EXPECT_EQ(LOG_FAMILY.report(r), "key=FRB000000004 name=shop_floor_2 ver=V1.2 boot=7200 start=1704067200 "
+                                    "end=2019600000 bps=5000000000");
+}
+
+// The texts of the gateway roles, as the daemon's handlers split them.
+TEST(Vtsim, GatewayRoleTexts)
+{
+    const std::string id = "SIM000000007";
+    for (auto [got, want] : std::initializer_list<std::pair<std::string, std::string>>{
+             {game_report_text(id, 7, 2),
+              "tag=gamecloud_stat license_id12=SIM000000007 enable=1 startm=1704067200 endtm=2019600000 "
+              "l2tp_state=up inbps=350k outbps=45k ipcnt=30 license_ipcnt=200 delay_cur=45 delay_min=20 "
+              "delay_max=69 state=running waitime_left=0"},
+             {tunnel_report_text(id, 7, 3, 0b010),
+              "tag=sshmapport license_id12=SIM000000007 portinfo=10168:10.1.0.8:10169 portinfo=10172:10.3.0.8:10173"},
+             {tunnel_report_text(id, 7, 2, 0b11), ""},
+             {tunnel_closed_text(id, sim_tunnel(7, 1)), "tag=sshportkill license_id12=SIM000000007 bigport=10170 "
+                                                       "minport=10171"},
+             {table_report_text(TABLE_KINDS[0], id, table_info(TABLE_KINDS[0])),
+              "tag=updateiptable license_id12=SIM000000007 iptable=iptable-default"},
+             {table_report_text(TABLE_KINDS[1], id, table_info(TABLE_KINDS[1], "a b.list", "9")),
+              "tag=urldnsgrpinfo license_id12=SIM000000007 urldnsgrp=a_b.list:9"},
+             {push_answer_text(TABLE_KINDS[0], id, answer::OK), "tag=iptablestatus license_id12=SIM000000007 ret=0"},
+             {push_answer_text(TABLE_KINDS[1], id, answer::NO),
+              "tag=urldnsgrpstatus license_id12=SIM000000007 ret=-1 error=fetch_failed"},
+             {usragp_group_text(id, 2), "tag=usragp_request license_id12=SIM000000007 cname=Group2 name=grp2"},
+             {usrapp_text(id, 2), "tag=usrapp_request license_id12=SIM000000007 cname=UApp2 name=uapp2 nodettl=32 "
+                                  "tports=80,8002 uports=53,9002"},
+             {fetch_answer_text(id, answer::OK), "tag=usragp_log license_id12=SIM000000007 error=OK_installed"},
+             {fetch_answer_text(id, answer::NO), "tag=usragp_log license_id12=SIM000000007 error=NO_fetch_failed"}})
+        EXPECT_EQ(got, want);
+
+    // Close requests name a tunnel by its ports; the daemon's cliip is not needed.
+    for (auto [req, want] : std::initializer_list<std::pair<const char*, long>>{
+             {"tag=sshportkill license_id12=SIM000000007 cliip=x bigport=10172 minport=10173", 2},
+             {"tag=sshportkill license_id12=SIM000000007 bigport=10172 minport=10171", -1},
+             {"tag=sshportkill license_id12=SIM000000007 bigport=10174 minport=10175", -1}})
+        EXPECT_EQ(tunnel_of(req, 7, 3), want) << req;
+    EXPECT_EQ(push_kind("urldnsgrpstatus"), &TABLE_KINDS[1]);
+    EXPECT_EQ(push_kind("updateiptable"), nullptr);
+    // The most tunnels with the longest addresses fit one text; the last
+    // port pair stays below 65535.
+    EXPECT_LE(tunnel_report_text(id, 62499, MAX_TUNNELS, 0).size(), sizeof(cldarg_t::argstr) - 1);
+    EXPECT_EQ(tunnel_report_text(id, 62499, MAX_TUNNELS, 0).find(" portinfo=51976:10.1.249.250:51977 "), 40u);
+    EXPECT_EQ(sim_tunnel(2249, 11).minport, 63999);
+    EXPECT_EQ(sim_tunnel(2250, 0).bigport, 10000);
+
+    for (auto [in, want] : std::initializer_list<std::pair<std::string, std::string>>{
+             {"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"}, {"foobar", "Zm9vYmFy"}})
+        EXPECT_EQ(base64(std::vector<uint8_t>(in.begin(), in.end())), want);
+    // An ed25519 key line: the 51-byte blob is 68 characters of base64.
+    std::string key = sim_pubkey(id);
+    EXPECT_EQ(key.rfind("ssh-ed25519 AAAAC3NzaC1lZDI1NTE5AAAAI", 0), 0u);
+    EXPECT_EQ(key.size(), 12 + 68 + 1 + 18u);
+    EXPECT_EQ(key.substr(81), "vtsim@SIM000000007");
+    EXPECT_NE(sim_pubkey("SIM000000008"), key);
+    EXPECT_EQ(rsa_text(id), "RSA=" + key);
 }
 
 TEST(Vtsim, BackupFileNamesAndFailureFractions)

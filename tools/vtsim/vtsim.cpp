@@ -1,11 +1,16 @@
 // vtsim: plays appliances against the daemon's device port: gateways
-// (--family gw) with the commands the daemon sends them, the appliance side
-// of the backup socket (pings, configuration backups, package upgrades, the
-// application inventory, echoes) and of the upgrade socket (announcements,
-// firmware upgrades); or cache appliances (--family frb) with their text
-// reports, verification string, mapping instructions and upgrade orders. In
-// load mode it measures how much of a paced stream of status reports, pings
-// and announcements the daemon's sockets took in.
+// (--family gw) with the commands the daemon sends them, their SSH tunnels,
+// table reports, user applications and the answers to pushes and
+// distribution notices, the appliance side of the backup socket (pings,
+// configuration backups, package upgrades, the application inventory,
+// echoes) and of the upgrade socket (announcements, firmware upgrades); game
+// acceleration nodes (--family game), gateways that also report their node
+// state; or the text families: cache appliances (--family frb) with their
+// reports, verification string, public key, mapping instructions and
+// upgrade orders, and log servers (--family log) with their reports, public
+// key and mapping instructions. In load mode it measures how much of a
+// paced stream of status reports, pings and announcements the daemon's
+// sockets took in.
 //
 // Traffic goes to loopback addresses only. Every loop ends by itself: after
 // --reports (and --pings, --announces) rounds, after --duration seconds, or
@@ -42,6 +47,7 @@
 #include <vector>
 
 #include "vtsim_proto.h"
+#include "vtsim_roles.h"
 
 namespace {
 
@@ -69,11 +75,16 @@ const char USAGE[] =
     "                    identifier as key= for even indexes, license_id12= for odd\n"
     "                    ones), hand over their verification string (tag=FRBPWD) after\n"
     "                    the first report, print mapping instructions and answer\n"
-    "                    upgrade orders (tag=frb_upgrade, see Firmware upgrades)\n"
+    "                    upgrade orders (tag=frb_upgrade, see Firmware upgrades);\n"
+    "                    log: log servers, which send text reports (magic LOG, type\n"
+    "                    40000: key name ver boot start end bps) and print mapping\n"
+    "                    instructions; game: game acceleration nodes, gateways whose\n"
+    "                    every status report is followed by their node state\n"
+    "                    (tag=gamecloud_stat, every key the daemon keeps)\n"
     "  --count N         number of appliances (default 10)\n"
     "  --prefix S        identifier prefix; identifiers are the prefix and a zero-padded\n"
-    "                    index, 12 characters in all (default SIM: SIM000000001; FRB\n"
-    "                    for --family frb)\n"
+    "                    index, 12 characters in all (default SIM: SIM000000001; FRB,\n"
+    "                    LOG, GAME for --family frb, log, game)\n"
     "  --first K         index of the first gateway (default 1)\n"
     "  --shared-socket   one UDP socket for all gateways (default: one socket each,\n"
     "                    bound to 127.0.0.1 and an ephemeral port); commands that come\n"
@@ -89,8 +100,9 @@ const char USAGE[] =
     "  --type T          10012, 30004 or 50000 (default: the three in turn; gw only)\n"
     "  --lnglat          also send a coordinates report (1008) after each gateway's first report\n"
     "  --key             also send a key report (20001) after each gateway's first report\n"
-    "  --name TEXT       sys_name (frb: name=); %d becomes the index, %% a '%'\n"
-    "                    (default sim-gw-%d; sim-frb-%d for --family frb)\n"
+    "  --name TEXT       sys_name (frb, log: name=); %d becomes the index, %% a '%'\n"
+    "                    (default sim-gw-%d; sim-frb-%d, sim-log-%d, sim-game-%d for\n"
+    "                    --family frb, log, game)\n"
     "  --grpname TEXT    group name (default empty)\n"
     "  --version TEXT    firmware version (default V1.0.0)\n"
     "  --users N         current_users (default 3)\n"
@@ -102,6 +114,8 @@ const char USAGE[] =
     "  --cpurate N       cpurate in answers to tag=cpuinfo (default 5); frb: the base of\n"
     "                    the cpurate= of the reports\n"
     "  --no-answer       receive and print commands but never reply\n"
+    "  --rsa             frb, log: hand over a public key (RSA=ssh-ed25519 ..., the same\n"
+    "                    on every run) after the first report\n"
     "  --quiet           print only password resets and application starts (one line each)\n"
     "  --linger S        keep answering S seconds after the last report (default 1)\n"
     "\n"
@@ -144,6 +158,25 @@ const char USAGE[] =
     "                    (10014 with a quoted text; frb: fail=1; default 0)\n"
     "  --upgrade-silent R  fraction 0..1 of the orders never answered (default 0)\n"
     "\n"
+    "Gateway roles (gw and game; a distribution notice names no gateway, so on a\n"
+    "shared socket it is printed with ? and not answered)\n"
+    "  --tunnels N       each gateway reports N SSH tunnels (0..12; tag=sshmapport, one\n"
+    "                    portinfo=BIG:CLIIP:MIN word each) after every status report,\n"
+    "                    and answers a close request (tag=sshportkill) by dropping\n"
+    "                    the tunnel from its later reports (default 0)\n"
+    "  --tables          each gateway reports its IP table and URL/DNS groups\n"
+    "                    (tag=updateiptable, tag=urldnsgrpinfo) after its first report,\n"
+    "                    and again after a push it fetched\n"
+    "  --usrapps N       each gateway reports N user application groups and N user\n"
+    "                    applications (tag=usragp_request, tag=usrapp_request) after its\n"
+    "                    first report and when the daemon asks again (default 0)\n"
+    "  --push-fail R     fraction 0..1 of the answered table pushes (tag=iptablestatus,\n"
+    "                    tag=urldnsgrpstatus: ret=-1) and distribution notices\n"
+    "                    (tag=usragp_file: error=NO...) answered NO, each kind counted\n"
+    "                    on its own; the others are answered OK (default 0)\n"
+    "  --push-silent R   fraction 0..1 of the pushes and notices never answered\n"
+    "                    (default 0)\n"
+    "\n"
     "Modes\n"
     "  --load            load generator: shared socket, paced sendmmsg loop, then one line\n"
     "                    sent=N answered=N lost=N rate=R/s elapsed=S\n"
@@ -167,8 +200,15 @@ const char USAGE[] =
     "  <id> upgrade task=T packet=P port=N -> succ V | fail TEXT | silent\n"
     "                                                         (upgrade order; the end is\n"
     "                                                         printed when it is sent)\n"
-    "  <id> frb mapping webport=W sshport=S                   (cache appliance; ? on a shared\n"
-    "                                                         socket: the text names no one)\n"
+    "  <id> frb mapping webport=W sshport=S                   (cache appliance, log server:\n"
+    "  <id> log mapping webport=W sshport=S                    ? on a shared socket, where\n"
+    "                                                          the text names no one)\n"
+    "  <id> sshportkill bigport=B minport=M -> closed | unknown  (close request; answered\n"
+    "                                                          when the tunnel is ours)\n"
+    "  <id> iptablestatus ipid=I file=F grpname=G dwport=P -> ok | no | silent\n"
+    "  <id> urldnsgrpstatus ipid=I file=F grpname=G dwport=P -> ok | no | silent\n"
+    "  <id> usragp_file httpport=P -> ok | no | silent      (distribution notice)\n"
+    "  <id> usragp_request -> groups=N apps=N               (the daemon asked again)\n"
     "At the end, on stderr:\n"
     "  sent=N answered=N replies=N other=N send_errors=N, and with --backup-port\n"
     "  pings=N backups=N backup_fails=N appups=N appup_fails=N appstarts=N\n"
@@ -176,7 +216,11 @@ const char USAGE[] =
     "  (frb_mappings=N) up_orders=N up_succ=N up_fail=N up_silent=N up_inflight=N\n"
     "  up_inflight_max=N up_reports=N up_oks=N (in flight: orders not yet ended, silent\n"
     "  ones included; reports: progress and ends sent, each once; oks: the daemon's\n"
-    "  answers to them, gw only)\n";
+    "  answers to them, gw only); --family log: log_mappings=N; frb and log with --rsa\n"
+    "  add keys=N; with any gateway role or --family game: game_reports=N\n"
+    "  tunnel_closes=N pushes=N fetches=N push_ok=N push_no=N push_silent=N\n"
+    "  usragp_requests=N (pushes: table pushes received, fetches: distribution\n"
+    "  notices received). --load puts these counters on its one line.\n";
 
 [[noreturn]] __attribute__((format(printf, 1, 2))) void die(const char* fmt, ...)
 {
@@ -215,12 +259,13 @@ double parse_double(const char* opt, const char* text, double lo, double hi)
     return v;
 }
 
-enum class family { GW, FRB };
+enum class family { GW, FRB, LOG, GAME };
 
 struct options {
     std::string host = "127.0.0.1";
     int port = CLOUD_DEVICE_PORT;
     family fam = family::GW;
+    const text_family* text = nullptr;  // frb, log
     long count = 10;
     std::string prefix = "SIM";
     bool prefix_given = false;
@@ -266,6 +311,12 @@ struct options {
     std::string upgrade_version = "V2.0.0";
     double upgrade_fail = 0;
     double upgrade_silent = 0;
+    bool rsa = false;
+    long tunnels = 0;
+    bool tables = false;
+    long usrapps = 0;
+    double push_fail = 0;
+    double push_silent = 0;
 };
 
 options parse_args(int argc, char** argv)
@@ -275,7 +326,8 @@ options parse_args(int argc, char** argv)
         O_LNGLAT, O_KEY, O_NAME, O_GRPNAME, O_VERSION, O_USERS, O_MAXUSERS, O_FLOW, O_MAXFLOW, O_CPURATE,
         O_SHARED, O_NOANSWER, O_QUIET, O_LOAD, O_RAW, O_BAD, O_LINGER, O_HELP, O_BPORT, O_BDIR, O_PING,
         O_PINGRATE, O_PINGS, O_BFAIL, O_BNAMED, O_AFAIL, O_APPS, O_ECHO, O_FAMILY, O_UPORT, O_ANNOUNCE,
-        O_ANNRATE, O_ANNOUNCES, O_UTIME, O_UVERSION, O_UFAIL, O_USILENT,
+        O_ANNRATE, O_ANNOUNCES, O_UTIME, O_UVERSION, O_UFAIL, O_USILENT, O_RSA, O_TUNNELS, O_TABLES, O_USRAPPS,
+        O_PFAIL, O_PSILENT,
     };
     static const option longopts[] = {
         {"host", required_argument, nullptr, O_HOST},
@@ -325,6 +377,12 @@ options parse_args(int argc, char** argv)
         {"upgrade-version", required_argument, nullptr, O_UVERSION},
         {"upgrade-fail", required_argument, nullptr, O_UFAIL},
         {"upgrade-silent", required_argument, nullptr, O_USILENT},
+        {"rsa", no_argument, nullptr, O_RSA},
+        {"tunnels", required_argument, nullptr, O_TUNNELS},
+        {"tables", no_argument, nullptr, O_TABLES},
+        {"usrapps", required_argument, nullptr, O_USRAPPS},
+        {"push-fail", required_argument, nullptr, O_PFAIL},
+        {"push-silent", required_argument, nullptr, O_PSILENT},
         {nullptr, 0, nullptr, 0},
     };
     options o;
@@ -380,9 +438,13 @@ options parse_args(int argc, char** argv)
             if (std::strcmp(optarg, "gw") == 0)
                 o.fam = family::GW;
             else if (std::strcmp(optarg, "frb") == 0)
-                o.fam = family::FRB;
+                o.fam = family::FRB, o.text = &FRB_FAMILY;
+            else if (std::strcmp(optarg, "log") == 0)
+                o.fam = family::LOG, o.text = &LOG_FAMILY;
+            else if (std::strcmp(optarg, "game") == 0)
+                o.fam = family::GAME;
             else
-                die("--family must be gw or frb, not '%s'", optarg);
+                die("--family must be gw, frb, log or game, not '%s'", optarg);
             break;
         case O_UPORT: o.upgrade_port = static_cast<int>(parse_long("--upgrade-port", optarg, 1, 65535)); break;
         case O_ANNOUNCE:
@@ -395,6 +457,12 @@ options parse_args(int argc, char** argv)
         case O_UVERSION: o.upgrade_version = optarg; break;
         case O_UFAIL: o.upgrade_fail = parse_double("--upgrade-fail", optarg, 0, 1); break;
         case O_USILENT: o.upgrade_silent = parse_double("--upgrade-silent", optarg, 0, 1); break;
+        case O_RSA: o.rsa = true; break;
+        case O_TUNNELS: o.tunnels = parse_long("--tunnels", optarg, 0, MAX_TUNNELS); break;
+        case O_TABLES: o.tables = true; break;
+        case O_USRAPPS: o.usrapps = parse_long("--usrapps", optarg, 0, 100); break;
+        case O_PFAIL: o.push_fail = parse_double("--push-fail", optarg, 0, 1); break;
+        case O_PSILENT: o.push_silent = parse_double("--push-silent", optarg, 0, 1); break;
         case 'h':
         case O_HELP: std::fputs(USAGE, stdout); std::exit(0);
         default: std::fputs("vtsim: try --help\n", stderr); std::exit(2);
@@ -402,14 +470,20 @@ options parse_args(int argc, char** argv)
     }
     if (optind < argc)
         die("unexpected argument '%s' (try --help)", argv[optind]);
-    if (o.fam == family::FRB) {
+    if (o.fam != family::GW) {
         if (!o.prefix_given)
-            o.prefix = "FRB";
+            o.prefix = o.text != nullptr ? o.text->magic : "GAME";
         if (!o.name_given)
-            o.name = "sim-frb-%d";
+            o.name = o.text != nullptr ? o.text->name : "sim-game-%d";
+    }
+    if (o.text != nullptr) {
         if (o.type != 0 || o.lnglat || o.key || o.backup_port != 0 || o.upgrade_port != 0)
             die("--type, --lnglat, --key, --backup-port and --upgrade-port are gateway options; cache "
                 "appliances take their upgrade orders on the device port");
+        if (o.tunnels > 0 || o.tables || o.usrapps > 0 || o.push_fail > 0 || o.push_silent > 0)
+            die("--tunnels, --tables, --usrapps, --push-fail and --push-silent are gateway options");
+    } else if (o.rsa) {
+        die("--rsa is for --family frb and log: the daemon collects keys from cache appliances and log servers");
     }
     if (!host_is_loopback(o.host.c_str(), nullptr))
         die("--host '%s' refused: only dotted IPv4 addresses inside 127.0.0.0/8 (this machine) are allowed",
@@ -432,9 +506,11 @@ options parse_args(int argc, char** argv)
         die("--ping-rate 0 (unpaced) is for --load only");
     bool upgrade_opts = o.announce_given || o.announce_rate >= 0 || o.announces > 0 || o.upgrade_fail > 0 ||
                         o.upgrade_silent > 0 || o.upgrade_time != 1 || o.upgrade_version != "V2.0.0";
-    if (o.fam == family::GW && o.upgrade_port == 0 && upgrade_opts)
+    if (o.text == nullptr && o.upgrade_port == 0 && upgrade_opts)
         die("the upgrade options need --upgrade-port (or --family frb)");
-    if (o.fam == family::FRB && (o.announce_given || o.announce_rate >= 0 || o.announces > 0))
+    if (o.text != nullptr && !o.text->takes_orders && upgrade_opts)
+        die("log servers take no upgrade orders: the upgrade options are for gw and frb");
+    if (o.text != nullptr && (o.announce_given || o.announce_rate >= 0 || o.announces > 0))
         die("cache appliances do not announce themselves: --announce* are gateway options");
     if (o.announce_rate == 0 && !o.load)
         die("--announce-rate 0 (unpaced) is for --load only");
@@ -487,8 +563,8 @@ struct gateway {
     std::string id;
     long index = 0;
     int fd = -1;  // own socket, or the shared one
-    devinfo_recv_bps_t tmpl{};  // gw
-    frb_report frb;             // frb
+    devinfo_recv_bps_t tmpl{};  // gw, game
+    frb_report frb;             // frb, log
     cloud_ping_t ping{};
     cloud_ping_t announce{};
 };
@@ -522,16 +598,29 @@ struct sim {
     // orders to pick the failures. Jobs, and the counts of what is in
     // flight, belong to the thread that receives.
     std::atomic<uint64_t> announces{0}, up_orders{0}, up_answered{0}, up_succ{0}, up_fail{0}, up_silent{0},
-        up_reports{0}, up_oks{0}, frb_mappings{0};
+        up_reports{0}, up_oks{0}, mappings{0};
     std::atomic<int64_t> up_inflight{0}, up_inflight_max{0};
     std::deque<upgrade_job> jobs;  // in order of DUE: every upgrade takes as long
     // Set once a gateway's upgrade succeeded: its reports carry the new version.
     std::unique_ptr<std::atomic<bool>[]> upgraded;
+    // Gateway roles. Pushes of each kind (the two tables, distribution
+    // notices) are counted on their own to pick the silent ones, answered
+    // ones to pick the NOs.
+    std::atomic<uint64_t> game_reports{0}, tunnel_closes{0}, pushes{0}, fetches{0}, push_ok{0}, push_no{0},
+        push_silent{0}, usragp_requests{0}, keys{0};
+    std::array<std::atomic<uint64_t>, TABLE_KINDS.size() + 1> push_seen{}, push_answered{};
+    // Per gateway, the tunnels it has closed (bit K: tunnel K).
+    std::unique_ptr<std::atomic<uint32_t>[]> closed;
 
     double elapsed() const { return now_sec() - t0; }
     bool finished() const { return status.done() && ping.done() && announce.done(); }
-    bool frb() const { return o.fam == family::FRB; }
-    bool upgrade_role() const { return o.upgrade_port != 0 || frb(); }
+    const text_family* text() const { return o.text; }
+    bool upgrade_role() const { return o.upgrade_port != 0 || (o.text != nullptr && o.text->takes_orders); }
+    bool gateway_roles() const
+    {
+        return o.fam == family::GAME || o.tunnels > 0 || o.tables || o.usrapps > 0 || o.push_fail > 0 ||
+               o.push_silent > 0 || pushes > 0 || fetches > 0 || usragp_requests > 0 || tunnel_closes > 0;
+    }
 
     int send_to(int fd, const sockaddr_in& to, const void* buf, size_t len)
     {
@@ -545,9 +634,10 @@ struct sim {
     int send_to_daemon(int fd, const void* buf, size_t len) { return send_to(fd, dst, buf, len); }
     int send_to_backup(int fd, const void* buf, size_t len) { return send_to(fd, bdst, buf, len); }
     int send_to_upgrade(int fd, const void* buf, size_t len) { return send_to(fd, udst, buf, len); }
-    int send_frb(int fd, const std::string& text)
+    // A text of the family's own (frb, log), or a gateway's command result.
+    int send_text(int fd, const std::string& text)
     {
-        cldarg_t c = build_frb(text);
+        cldarg_t c = o.text != nullptr ? build_text(o.text->magic, text) : build_cmdarg(text);
         return send_to_daemon(fd, &c, sizeof(c));
     }
 
@@ -579,12 +669,27 @@ struct sim {
                kv("up_silent", up_silent) + kv("up_inflight", up_inflight) + kv("up_inflight_max", up_inflight_max) +
                kv("up_reports", up_reports) + kv("up_oks", up_oks);
     }
+
+    // The counters of the text families' line, or of the gateway roles,
+    // " key=value" each; empty when there is nothing to tell.
+    std::string role_counters() const
+    {
+        auto kv = [](const char* k, uint64_t v) { return std::string(" ") + k + "=" + std::to_string(v); };
+        if (o.text != nullptr)
+            return kv((std::string(o.text->label) + "_mappings").c_str(), mappings) + (o.rsa ? kv("keys", keys) : "");
+        if (!gateway_roles())
+            return {};
+        return kv("game_reports", game_reports) + kv("tunnel_closes", tunnel_closes) + kv("pushes", pushes) +
+               kv("fetches", fetches) + kv("push_ok", push_ok) + kv("push_no", push_no) +
+               kv("push_silent", push_silent) + kv("usragp_requests", usragp_requests);
+    }
 };
 
-// The fixed part of cache appliance INDEX's reports. Every appliance's
+// The fixed part of the reports of cache appliance or log server INDEX
+// (a log server sends a few of the values). Every appliance's
 // service ends 2 to 60 days from now, so that a fleet of 30 or more has
 // some that expire within a week.
-frb_report frb_template(const options& o, long index)
+frb_report text_template(const options& o, long index)
 {
     frb_report r;
     r.id = make_ident(o.prefix, index);
@@ -631,8 +736,8 @@ void setup_gateways(sim& s)
         }
         g.ping = build_ping(g.id);
         g.announce = build_ping(g.id, VTR_UP_ANNOUNCE);
-        if (s.frb()) {
-            g.frb = frb_template(o, g.index);
+        if (s.text() != nullptr) {
+            g.frb = text_template(o, g.index);
             continue;
         }
         status_params p;
@@ -654,6 +759,7 @@ void setup_gateways(sim& s)
         g.tmpl = build_status(p);
     }
     s.upgraded = std::make_unique<std::atomic<bool>[]>(s.gw.size());
+    s.closed = std::make_unique<std::atomic<uint32_t>[]>(s.gw.size());
     s.dst.sin_family = AF_INET;
     s.dst.sin_port = htons(static_cast<uint16_t>(o.port));
     host_is_loopback(o.host.c_str(), &s.dst.sin_addr);
@@ -701,8 +807,9 @@ void fill_status(const sim& s, const gateway& g, uint64_t seq, devinfo_recv_bps_
     }
 }
 
-// Report SEQ of cache appliance G: the fixed part with this round's figures.
-void fill_frb(const sim& s, const gateway& g, uint64_t seq, cldarg_t& d)
+// Report SEQ of cache appliance or log server G: the fixed part with this
+// round's figures.
+void fill_text(const sim& s, const gateway& g, uint64_t seq, cldarg_t& d)
 {
     uint64_t round = seq / s.gw.size();
     uint64_t wobble = (static_cast<uint64_t>(g.index) * 7 + round * 13) % 50;
@@ -714,16 +821,29 @@ void fill_frb(const sim& s, const gateway& g, uint64_t seq, cldarg_t& d)
     r.flow += static_cast<uint32_t>(wobble);
     if (upgraded(s, g))
         r.ver = s.o.upgrade_version;
-    d = build_frb(frb_report_text(r));
+    d = build_text(s.text()->magic, s.text()->report(r));
 }
 
-// Coordinates and key follow a gateway's first report, once the daemon can
-// know the identifier; a cache appliance's verification string follows its
-// first report.
+// A gateway's user application groups and applications.
+void send_usrapps(sim& s, const gateway& g)
+{
+    for (long k = 1; k <= s.o.usrapps; k++) {
+        s.send_text(g.fd, usragp_group_text(g.id, k));
+        s.send_text(g.fd, usrapp_text(g.id, k));
+    }
+}
+
+// What a gateway sends once, after its first report, when the daemon knows
+// the identifier: coordinates, key digest, tables, user applications. A
+// cache appliance hands over its verification string, it and a log server
+// their public key.
 void send_extras(sim& s, const gateway& g)
 {
-    if (s.frb()) {
-        s.send_frb(g.fd, frb_pwd_text(g.id, fake_md5(g.id)));
+    if (s.text() != nullptr) {
+        if (s.text()->hands_pwd)
+            s.send_text(g.fd, frb_pwd_text(g.id, fake_md5(g.id)));
+        if (s.o.rsa && s.send_text(g.fd, rsa_text(g.id)) == 0)
+            s.keys++;
         return;
     }
     if (s.o.lnglat) {
@@ -734,6 +854,25 @@ void send_extras(sim& s, const gateway& g)
     if (s.o.key) {
         auto d = build_vtkey(g.id, fake_md5(g.id));
         s.send_to_daemon(g.fd, &d, sizeof(d));
+    }
+    if (s.o.tables)
+        for (const table_kind& t : TABLE_KINDS)
+            s.send_text(g.fd, table_report_text(t, g.id, table_info(t)));
+    send_usrapps(s, g);
+}
+
+// What follows status report SEQ of G: the extras after the first one;
+// after every one, a game node's state and the tunnels still open.
+void send_report_extras(sim& s, const gateway& g, uint64_t seq)
+{
+    if (seq < s.gw.size())
+        send_extras(s, g);
+    if (s.o.fam == family::GAME && s.send_text(g.fd, game_report_text(g.id, g.index, seq / s.gw.size())) == 0)
+        s.game_reports++;
+    if (s.o.tunnels > 0) {
+        std::string t = tunnel_report_text(g.id, g.index, s.o.tunnels, s.closed[&g - s.gw.data()]);
+        if (!t.empty())
+            s.send_text(g.fd, t);
     }
 }
 
@@ -764,9 +903,9 @@ void send_one(sim& s, uint64_t seq)
 {
     gateway& g = s.gw[seq % s.gw.size()];
     int rc;
-    if (s.frb()) {
+    if (s.text() != nullptr) {
         cldarg_t d;
-        fill_frb(s, g, seq, d);
+        fill_text(s, g, seq, d);
         rc = s.send_to_daemon(g.fd, &d, sizeof(d));
     } else {
         devinfo_recv_bps_t d;
@@ -775,8 +914,7 @@ void send_one(sim& s, uint64_t seq)
     }
     if (rc == 0)
         s.sent++;
-    if (seq < s.gw.size())
-        send_extras(s, g);
+    send_report_extras(s, g, seq);
 }
 
 void send_announce(sim& s, uint64_t seq)
@@ -916,14 +1054,14 @@ enum class up_report { PROGRESS, SUCC, FAIL };
 void send_upgrade_report(sim& s, const gateway& g, const upgrade_order& o, up_report what)
 {
     const std::string& ver = s.o.upgrade_version;
-    if (s.frb()) {
+    if (s.text() != nullptr) {
         std::string text;
         switch (what) {
         case up_report::PROGRESS: text = frb_upgrade_text(g.id, o.task, "downloading_" + o.packet, "", -1); break;
         case up_report::SUCC: text = frb_upgrade_text(g.id, o.task, "upgrade_ok", ver, 0); break;
         case up_report::FAIL: text = frb_upgrade_text(g.id, o.task, "md5_mismatch", "", 1); break;
         }
-        if (s.send_frb(g.fd, text) == 0)
+        if (s.send_text(g.fd, text) == 0)
             s.up_reports++;
         return;
     }
@@ -991,23 +1129,90 @@ void end_upgrades(sim& s)
     }
 }
 
-// A text from the daemon to a cache appliance: a mapping instruction, an
-// upgrade order, or anything else (printed).
-void handle_frb(sim& s, const gateway* g, const std::string& who, const std::string& text)
+// A text from the daemon to a cache appliance or log server: a mapping
+// instruction, an upgrade order (cache appliances), or anything else
+// (printed).
+void handle_text(sim& s, const gateway* g, const std::string& who, const std::string& text)
 {
     s.answered++;
+    const char* label = s.text()->label;
     upgrade_order order;
     if (text.rfind("mapping=", 0) == 0) {
-        s.frb_mappings++;
+        s.mappings++;
         if (!s.o.quiet)
-            std::printf("%s frb mapping webport=%s sshport=%s\n", who.c_str(),
+            std::printf("%s %s mapping webport=%s sshport=%s\n", who.c_str(), label,
                         printable(token_value(text, "webport")).c_str(),
                         printable(token_value(text, "sshport")).c_str());
-    } else if (frb_order(text, order) && g != nullptr) {
+    } else if (s.text()->takes_orders && frb_order(text, order) && g != nullptr) {
         take_order(s, static_cast<size_t>(g - s.gw.data()), order);
     } else if (!s.o.quiet) {
-        std::printf("%s frb %s\n", who.c_str(), printable(text).c_str());
+        std::printf("%s %s %s\n", who.c_str(), label, printable(text).c_str());
     }
+}
+
+// The answer to the next push of kind KIND (0, 1: the tables, 2:
+// distribution notices), counted. --no-answer makes every one silent.
+answer pick_answer(sim& s, size_t kind)
+{
+    answer a = answer::OK;
+    if (s.o.no_answer || pick(s.o.push_silent, s.push_seen[kind]++))
+        a = answer::SILENT;
+    else if (pick(s.o.push_fail, s.push_answered[kind]++))
+        a = answer::NO;
+    (a == answer::OK ? s.push_ok : a == answer::NO ? s.push_no : s.push_silent)++;
+    return a;
+}
+
+// A command of the gateway roles; false when TAG is none of theirs.
+bool handle_role(sim& s, const gateway& g, const std::string& tag, const std::string& text)
+{
+    if (tag == "sshportkill") {
+        long k = tunnel_of(text, g.index, s.o.tunnels);
+        if (k >= 0) {
+            s.closed[&g - s.gw.data()] |= 1u << k;
+            s.tunnel_closes++;
+            reply(s, g, tunnel_closed_text(g.id, sim_tunnel(g.index, k)));
+        }
+        if (!s.o.quiet)
+            std::printf("%s sshportkill bigport=%s minport=%s -> %s\n", g.id.c_str(),
+                        printable(token_value(text, "bigport")).c_str(),
+                        printable(token_value(text, "minport")).c_str(), k >= 0 ? "closed" : "unknown");
+        return true;
+    }
+    if (const table_kind* t = push_kind(tag)) {
+        s.pushes++;
+        answer a = pick_answer(s, static_cast<size_t>(t - TABLE_KINDS.data()));
+        if (a != answer::SILENT)
+            reply(s, g, push_answer_text(*t, g.id, a));
+        if (a == answer::OK)
+            reply(s, g,
+                  table_report_text(*t, g.id, table_info(*t, token_value(text, "file"), token_value(text, "ipid"))));
+        if (!s.o.quiet)
+            std::printf("%s %s ipid=%s file=%s grpname=%s dwport=%s -> %s\n", g.id.c_str(), tag.c_str(),
+                        printable(token_value(text, "ipid")).c_str(), printable(token_value(text, "file")).c_str(),
+                        printable(token_value(text, "grpname")).c_str(),
+                        printable(token_value(text, "dwport")).c_str(), answer_word(a));
+        return true;
+    }
+    if (tag == "usragp_file") {
+        s.fetches++;
+        answer a = pick_answer(s, TABLE_KINDS.size());
+        if (a != answer::SILENT)
+            reply(s, g, fetch_answer_text(g.id, a));
+        if (!s.o.quiet)
+            std::printf("%s usragp_file httpport=%s -> %s\n", g.id.c_str(),
+                        printable(token_value(text, "httpport")).c_str(), answer_word(a));
+        return true;
+    }
+    if (tag == "usragp_request") {
+        s.usragp_requests++;
+        if (!s.o.no_answer)
+            send_usrapps(s, g);
+        if (!s.o.quiet)
+            std::printf("%s usragp_request -> groups=%ld apps=%ld\n", g.id.c_str(), s.o.usrapps, s.o.usrapps);
+        return true;
+    }
+    return false;
 }
 
 // One datagram received on socket FD; OWNER is the socket's gateway, or
@@ -1041,6 +1246,7 @@ void handle(sim& s, const gateway* owner, const uint8_t* buf, size_t len)
                                  " rmadmin=0 cronfile=0");
         } else if (tag == "appstart" && g != nullptr && s.o.backup_port != 0) {
             answer_appstart(s, *g, in.text);
+        } else if (g != nullptr && handle_role(s, *g, tag, in.text)) {
         } else if (!s.o.quiet) {
             std::printf("%s %s\n", who.c_str(), printable(in.text).c_str());
         }
@@ -1084,9 +1290,9 @@ void handle(sim& s, const gateway* owner, const uint8_t* buf, size_t len)
         else
             s.other++;
         break;
-    case incoming::FRB_TEXT:
-        if (s.frb()) {
-            handle_frb(s, g, who, in.text);
+    case incoming::FAMILY_TEXT:
+        if (s.text() != nullptr) {
+            handle_text(s, g, who, in.text);
             break;
         }
         [[fallthrough]];
@@ -1200,9 +1406,10 @@ int run_normal(sim& s)
     if (s.o.upgrade_port != 0)
         std::fprintf(stderr, "vtsim: announces=%llu%s\n", static_cast<unsigned long long>(s.announces.load()),
                      s.upgrade_counters().c_str());
-    else if (s.frb())
-        std::fprintf(stderr, "vtsim: frb_mappings=%llu%s\n", static_cast<unsigned long long>(s.frb_mappings.load()),
-                     s.upgrade_counters().c_str());
+    else if (s.text() != nullptr)
+        std::fprintf(stderr, "vtsim:%s%s\n", s.role_counters().c_str(), s.upgrade_counters().c_str());
+    if (s.text() == nullptr && s.gateway_roles())
+        std::fprintf(stderr, "vtsim:%s\n", s.role_counters().c_str());
     return 0;
 }
 
@@ -1300,8 +1507,8 @@ int run_load(sim& s)
             } else if (k == S_ANNOUNCE) {
                 iov[n] = {const_cast<cloud_ping_t*>(&g.announce), sizeof(g.announce)};
                 msgs[n].msg_hdr.msg_name = &s.udst;
-            } else if (s.frb()) {
-                fill_frb(s, g, sl.seq, sl.text);
+            } else if (s.text() != nullptr) {
+                fill_text(s, g, sl.seq, sl.text);
                 iov[n] = {&sl.text, sizeof(sl.text)};
                 msgs[n].msg_hdr.msg_name = &s.dst;
             } else {
@@ -1349,8 +1556,7 @@ int run_load(sim& s)
             } else {
                 if (!given_up)
                     s.sent++;
-                if (sl.seq < s.gw.size())
-                    send_extras(s, g);
+                send_report_extras(s, g, sl.seq);
             }
         }
     }
@@ -1378,9 +1584,7 @@ int run_load(sim& s)
     if (s.o.upgrade_port != 0)
         extra += " announces=" + std::to_string(s.announces.load()) + " announce_lost=" +
                  std::to_string(announcing ? drops_since(announce_drops_before, s.o.upgrade_port) : 0);
-    else if (s.frb())
-        extra += " frb_mappings=" + std::to_string(s.frb_mappings.load());
-    extra += s.upgrade_counters();
+    extra += s.role_counters() + s.upgrade_counters();
     std::printf("sent=%llu answered=%llu lost=%lld rate=%.0f/s elapsed=%.3f%s\n",
                 static_cast<unsigned long long>(s.sent.load()), static_cast<unsigned long long>(s.answered.load()),
                 lost, rate, elapsed, extra.c_str());

@@ -1,8 +1,7 @@
 // vtsim datagram helpers: builders for what a simulated gateway sends on
-// the device, backup and upgrade sockets and for the text datagrams of a
-// cache appliance, the pacing of the streams, decoding of what the daemon
-// sends back,
-// identifier and name formatting, the kernel's per-socket drop counter, and
+// the device, backup and upgrade sockets and for the text datagrams of
+// cache appliances and log servers, the pacing of the streams, decoding of
+// what the daemon sends back, identifier and name formatting, the kernel's per-socket drop counter, and
 // the fixed set of malformed datagrams. Header-only so that the unit tests
 // can use it without linking the simulator.
 #pragma once
@@ -488,10 +487,12 @@ inline int earliest(const streams_t& st)
 
 // What came back from the daemon.
 struct incoming {
-    enum kind_t { COMMAND, MAPPING, BACKUP_ORDER, APPUP_ORDER, ECHO, UPGRADE_ORDER, ACK, FRB_TEXT, OTHER } kind = OTHER;
+    enum kind_t {
+        COMMAND, MAPPING, BACKUP_ORDER, APPUP_ORDER, ECHO, UPGRADE_ORDER, ACK, FAMILY_TEXT, OTHER
+    } kind = OTHER;
     uint16_t type = 0;
-    std::string text;     // COMMAND, FRB_TEXT: argstr up to its NUL or the field's end
-    std::string id;       // COMMAND, FRB_TEXT: license_id12= (or licid12=); others: the field
+    std::string text;     // COMMAND, FAMILY_TEXT: argstr up to its NUL or the field's end
+    std::string id;       // COMMAND, FAMILY_TEXT: license_id12= (or licid12=); others: the field
     _mapping_port_t map;  // MAPPING only
     cloud_backupinfo_t backup;       // BACKUP_ORDER only
     cloud_appupgradeinfo_t appup;    // APPUP_ORDER only
@@ -536,19 +537,17 @@ inline cloud_upgrade_log_t build_upgrade_log(uint16_t type, uint16_t task_id, st
 }
 
 // ---------------------------------------------------------------------------
-// Cache appliances: every message is text in the command datagram's frame
-// under the magic "FRB" (type 40000, the text's length at offset 6), sent
-// whole (520 bytes) as the daemon sends its own. The daemon splits the text
-// on blanks into key=value words.
+// Cache appliances ("FRB") and log servers ("LOG"): every message is text in
+// the command datagram's frame under the family's magic (type 40000, the
+// text's length at offset 6), sent whole (520 bytes) as the daemon sends its
+// own. The daemon splits the text on blanks into key=value words.
 // ---------------------------------------------------------------------------
 
-constexpr char FRB_MAGIC[] = "FRB";
-
-inline cldarg_t build_frb(std::string_view text)
+inline cldarg_t build_text(const char* magic, std::string_view text)
 {
     cldarg_t d;
     std::memset(&d, 0, sizeof(d));
-    std::memcpy(d.tag, FRB_MAGIC, 4);
+    std::memcpy(d.tag, magic, 3);
     d.type = VTR_CMDARG;
     put_str(d.argstr, sizeof(d.argstr), text);
     d.arglen = static_cast<uint16_t>(std::strlen(d.argstr));
@@ -557,7 +556,7 @@ inline cldarg_t build_frb(std::string_view text)
 
 // A value as one word: a blank or a control byte would end it early, so
 // each becomes '_'; an empty value stays empty.
-inline std::string frb_word(std::string_view v)
+inline std::string text_word(std::string_view v)
 {
     std::string out(v);
     for (char& c : out)
@@ -566,7 +565,8 @@ inline std::string frb_word(std::string_view v)
     return out;
 }
 
-// One status report of a cache appliance, every key the daemon stores.
+// One status report of a cache appliance, every key the daemon stores; a
+// log server reports a few of them.
 struct frb_report {
     std::string id;
     bool by_key = false;  // name the appliance with key= instead of license_id12=
@@ -583,9 +583,9 @@ struct frb_report {
 
 inline std::string frb_report_text(const frb_report& r)
 {
-    auto kv = [](const char* k, const std::string& v) { return std::string(" ") + k + "=" + frb_word(v); };
+    auto kv = [](const char* k, const std::string& v) { return std::string(" ") + k + "=" + text_word(v); };
     auto kn = [](const char* k, uint64_t v) { return std::string(" ") + k + "=" + std::to_string(v); };
-    std::string t = (r.by_key ? "key=" : "license_id12=") + frb_word(r.id);
+    std::string t = (r.by_key ? "key=" : "license_id12=") + text_word(r.id);
     t += kn("cpurate", r.cpurate) + kv("cpu", r.cpu) + kv("board", r.board) + kv("mem", r.mem) + kn("boot", r.boot) +
          kv("name", r.name) + kv("ver", r.ver) + kn("bdw", r.bdw) + kn("start", r.start) + kn("end", r.end) +
          kn("bpsout", r.bpsout) + kn("bpsin", r.bpsin) + kn("flow", r.flow) + kv("diskio", r.diskio) +
@@ -593,10 +593,32 @@ inline std::string frb_report_text(const frb_report& r)
     return t;
 }
 
+// A log server's report: "key" is the only word that names one, and its
+// throughput is one figure.
+inline std::string log_report_text(const frb_report& r)
+{
+    return "key=" + text_word(r.id) + " name=" + text_word(r.name) + " ver=" + text_word(r.ver) +
+           " boot=" + std::to_string(r.boot) + " start=" + std::to_string(r.start) + " end=" + std::to_string(r.end) +
+           " bps=" + std::to_string(r.bpsout);
+}
+
+// What differs between the text families the simulator plays.
+struct text_family {
+    const char* magic;  // also the default identifier prefix
+    const char* label;  // in printed lines and counter names
+    const char* name;   // default name template
+    std::string (*report)(const frb_report&);
+    bool hands_pwd;     // verification string after the first report (tag=FRBPWD)
+    bool takes_orders;  // upgrade orders (tag=frb_upgrade)
+};
+
+inline constexpr text_family FRB_FAMILY{"FRB", "frb", "sim-frb-%d", frb_report_text, true, true};
+inline constexpr text_family LOG_FAMILY{"LOG", "log", "sim-log-%d", log_report_text, false, false};
+
 // The verification string an appliance hands over once.
 inline std::string frb_pwd_text(std::string_view id, std::string_view verify)
 {
-    return "tag=FRBPWD licenseid=" + frb_word(id) + " verify=" + frb_word(verify);
+    return "tag=FRBPWD licenseid=" + text_word(id) + " verify=" + text_word(verify);
 }
 
 // An upgrade report: FAIL below 0 is progress (no fail= word), 0 success
@@ -604,10 +626,10 @@ inline std::string frb_pwd_text(std::string_view id, std::string_view verify)
 inline std::string frb_upgrade_text(std::string_view id, long taskid, std::string_view log, std::string_view new_ver,
                                     int fail)
 {
-    std::string t = "tag=frb_upgrade license_id12=" + frb_word(id) + " taskid=" + std::to_string(taskid) +
-                    " log=" + frb_word(log);
+    std::string t = "tag=frb_upgrade license_id12=" + text_word(id) + " taskid=" + std::to_string(taskid) +
+                    " log=" + text_word(log);
     if (fail == 0)
-        t += " new_ver=" + frb_word(new_ver);
+        t += " new_ver=" + text_word(new_ver);
     if (fail >= 0)
         t += " fail=" + std::to_string(fail);
     return t;
@@ -642,8 +664,8 @@ inline upgrade_order gw_order(const cloud_upgradeinfo_t& o)
 
 // Only datagrams of exactly the sizes the daemon sends are decoded: "VTR"
 // records (an echo: any length that holds the ping's head), the 2-byte
-// "ok" of the upgrade socket and the 520-byte "FRB" texts; everything else
-// is OTHER, with its type when the header is complete.
+// "ok" of the upgrade socket and the 520-byte "FRB" and "LOG" texts;
+// everything else is OTHER, with its type when the header is complete.
 inline incoming classify(const void* buf, size_t len)
 {
     incoming in;
@@ -661,10 +683,11 @@ inline incoming classify(const void* buf, size_t len)
         in.kind = incoming::ACK;
         return in;
     }
-    if (len == sizeof(cldarg_t) && in.type == VTR_CMDARG && std::memcmp(p, FRB_MAGIC, 3) == 0) {
+    if (len == sizeof(cldarg_t) && in.type == VTR_CMDARG &&
+        (std::memcmp(p, FRB_FAMILY.magic, 3) == 0 || std::memcmp(p, LOG_FAMILY.magic, 3) == 0)) {
         cldarg_t c;
         std::memcpy(&c, p, sizeof(c));
-        in.kind = incoming::FRB_TEXT;
+        in.kind = incoming::FAMILY_TEXT;
         in.text = get_str(c.argstr, sizeof(c.argstr));
         in.id = token_value(in.text, "license_id12");
         return in;

@@ -4,7 +4,10 @@
 # against it, and shows them through cloudctl and the database: the
 # registry, then the automatic configuration backups of the new gateways,
 # their applications, a package upgrade and a firmware upgrade campaign;
-# then a few cache appliances, a mapping instruction and their upgrade task.
+# then a few cache appliances, a mapping instruction and their upgrade task;
+# log servers and their keys, game acceleration nodes, gateways with SSH
+# tunnels, table pushes and a user-application distribution; last the
+# Prometheus endpoint.
 #   scripts/demo.sh            runs until Ctrl-C
 #   scripts/demo.sh SECONDS    stops by itself after SECONDS
 set -euo pipefail
@@ -23,8 +26,11 @@ daemon_pid=
 sim_pid=
 old_pid=
 frb_pid=
+log_pid=
+game_pid=
+role_pid=
 cleanup() {
-    for pid in "$sim_pid" "$old_pid" "$frb_pid"; do
+    for pid in "$sim_pid" "$old_pid" "$frb_pid" "$log_pid" "$game_pid" "$role_pid"; do
         if [[ -n "$pid" ]] && kill -0 "$pid" 2>/dev/null; then
             kill -TERM "$pid"
             wait "$pid" || true
@@ -48,10 +54,12 @@ free_port() {
 port=$(free_port)
 bport=$(free_port)
 uport=$(free_port)
+mport=$(python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
 # backup_auto=1: every gateway seen for the first time gets a daily backup,
 # the first one due at once. download_max=4: four firmware upgrades at once.
-printf 'device_port=%s\nbackup_port=%s\nupgrade_port=%s\nbackup_auto=1\ndownload_max=4\n' \
-    "$port" "$bport" "$uport" > "$root/etc/cloud.conf"
+# metrics_port: the Prometheus endpoint on 127.0.0.1.
+printf 'device_port=%s\nbackup_port=%s\nupgrade_port=%s\nbackup_auto=1\ndownload_max=4\nmetrics_port=%s\n' \
+    "$port" "$bport" "$uport" "$mport" > "$root/etc/cloud.conf"
 mkdir -p "$root/usr/logd/bin"
 echo "cloud_weixin_relation_obj=discon" > "$root/usr/logd/bin/log.conf"
 
@@ -194,10 +202,80 @@ done
 ctl frb-tasks --devices --table
 db -e "select license_id12, complete, errors, last_version from vtlog.cloud_upgrade where task_id = 2"
 
+# Log servers report to the same device port under their own magic, with
+# their public keys: the daemon collects each key line once.
+echo "== vtsim --family log: 4 log servers (LOG000000001-4), a report every 5 s, each with its key"
+build/vtsim --family log --port "$port" --count 4 --interval 5 --rsa &
+log_pid=$!
+for _ in $(seq 1 100); do
+    build/cloudctl -r "$root" logserver 2050 | grep -q '^device_total=4$' && break
+    sleep 0.1
+done
+sleep 0.3  # the keys follow the first reports
+ctl log-stats
+ctl log-list --table
+echo "== $root/root/.ssh/authorized_keys_tmp (collected keys)"
+awk '{ print $1, substr($2, 1, 20) "...", $3 }' "$root/root/.ssh/authorized_keys_tmp" | head -n 6
+echo "== cloudctl logserver 2053 license_id12=LOG000000001 mapping=1 webport=31100 sshport=31101"
+echo "$(build/cloudctl -r "$root" logserver 2053 license_id12=LOG000000001 mapping=1 webport=31100 sshport=31101 ||
+    true)"
+sleep 0.3  # vtsim prints the instruction it received
+
+echo "== vtsim --family game: 3 game acceleration nodes (GAME00000001-3)"
+build/vtsim --family game --port "$port" --count 3 --interval 5 --quiet &
+game_pid=$!
+for _ in $(seq 1 100); do
+    [[ "$(build/cloudctl -r "$root" game-list --json | grep -c license_id12)" -ge 3 ]] && break
+    sleep 0.1
+done
+ctl game-list --table
+
+# Gateways with two SSH tunnels each, their IP table and URL/DNS groups,
+# two user-application groups and applications. Of each kind of push one in
+# four is never answered and half of the others are refused: for four
+# gateways ok, no, ok, silent in the order they arrive.
+echo "== vtsim: 4 gateways (ROLE00000001-4) with tunnels, tables and user applications,"
+echo "   a report every 2 s, pushes answered ok, no, ok and not at all"
+build/vtsim --port "$port" --prefix ROLE --count 4 --interval 2 --tunnels 2 --tables --usrapps 2 \
+    --push-fail 0.5 --push-silent 0.25 &
+role_pid=$!
+for _ in $(seq 1 100); do
+    [[ "$(build/cloudctl -r "$root" tunnels --json | grep -c ROLE)" -ge 8 ]] && break
+    sleep 0.1
+done
+ctl tunnels --table
+ctl tunnel-close ROLE00000001 10024 10025
+sleep 2.5  # the gateway's next report leaves the tunnel out
+ctl tunnels --table
+ctl iptable-list --table
+for i in 1 2 3 4; do
+    build/cloudctl -r "$root" iptable-push "ROLE0000000$i" 7 t.list --group office >/dev/null
+done
+build/cloudctl -r "$root" urldnsgrp-push ROLE00000001 8 u.list --group office >/dev/null
+echo "== pushes marked for the four gateways (IP table t.list) and one URL/DNS group file;"
+echo "   each leaves at the gateway's next report (istask 1 marked, 2 sent, 3 failed, 4 done)"
+sleep 5
+ctl iptable-list --pushes --table
+ctl urldnsgrp-list --table
+ctl usragp-groups ROLE00000001 --table
+ctl usragp-apps ROLE00000001 --table
+ctl usragp-start "ROLE00000001;ROLE00000002;ROLE00000003;ROLE00000004" --apps "chat;mail"
+echo "== $root/usr/logd/www/vtupbags/usragp.txt"
+cat "$root/usr/logd/www/vtupbags/usragp.txt"
+sleep 3
+ctl usragp-devices --table
+ctl usragp-stats
+
+echo "== metrics: GET http://127.0.0.1:$mport/metrics (an excerpt)"
+python3 -c 'import sys, urllib.request; print(urllib.request.urlopen(sys.argv[1]).read().decode())' \
+    "http://127.0.0.1:$mport/metrics" |
+    grep -E '^cloud_(appliances|datagrams_received_total\{family="(gateway|frb|log)",type="(status|report)"|db_statements_written_total|mgmt_commands_total\{module="logserver"|backups_in_flight|upgrades_in_flight)' |
+    head -n 20
+
 cat <<MSG
 
-The daemon runs in the foreground (pid $daemon_pid), vtsim beside it (pids $sim_pid, $old_pid
-and $frb_pid).
+The daemon runs in the foreground (pid $daemon_pid), vtsim beside it (pids $sim_pid, $old_pid,
+$frb_pid, $log_pid, $game_pid and $role_pid).
 Watch them from another shell:
   $top/build/cloudctl -r $root stats
   $top/build/cloudctl -r $root devices --table
@@ -211,6 +289,13 @@ Watch them from another shell:
   $top/build/cloudctl -r $root upgrade-list --table
   $top/build/cloudctl -r $root frb-list --expire 1 --table        (services ending within a week)
   $top/build/cloudctl -r $root frb-tasks --devices --table
+  $top/build/cloudctl -r $root log-list --table
+  $top/build/cloudctl -r $root game-list --table
+  $top/build/cloudctl -r $root tunnels --table
+  $top/build/cloudctl -r $root iptable-list --pushes --json
+  $top/build/cloudctl -r $root usragp-devices --table
+  $top/build/cloudctl --help                                    (every shortcut)
+  curl -s http://127.0.0.1:$mport/metrics
   mariadb --socket=$work/db/mysqld.sock -u$CLOUD_DB_USER -p$CLOUD_DB_PASSWORD \\
       -e 'select license_id12, sys_name, time, outport from vtlog.cloud_device'
 Stop vtsim (kill $sim_pid) and the devices are marked silent after 60 s:

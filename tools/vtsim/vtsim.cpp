@@ -180,7 +180,9 @@ const char USAGE[] =
     "Modes\n"
     "  --load            load generator: shared socket, paced sendmmsg loop, then one line\n"
     "                    sent=N answered=N lost=N rate=R/s elapsed=S\n"
-    "                    (lost: the daemon socket's kernel drop counter, from /proc/net/udp);\n"
+    "                    (sent: every datagram to the device port, the reports and what\n"
+    "                    follows them; lost: the daemon socket's kernel drop counter, from\n"
+    "                    /proc/net/udp);\n"
     "                    with --backup-port the line goes on with pings=N ping_lost=N and\n"
     "                    the backup counters below; with --upgrade-port, announces=N\n"
     "                    announce_lost=N and the upgrade counters below\n"
@@ -631,7 +633,15 @@ struct sim {
         }
         return 0;
     }
-    int send_to_daemon(int fd, const void* buf, size_t len) { return send_to(fd, dst, buf, len); }
+    // Datagrams to the device port other than the load loop's reports:
+    // extras after a report, answers.
+    std::atomic<uint64_t> to_daemon{0};
+    int send_to_daemon(int fd, const void* buf, size_t len)
+    {
+        int rc = send_to(fd, dst, buf, len);
+        to_daemon += rc == 0;
+        return rc;
+    }
     int send_to_backup(int fd, const void* buf, size_t len) { return send_to(fd, bdst, buf, len); }
     int send_to_upgrade(int fd, const void* buf, size_t len) { return send_to(fd, udst, buf, len); }
     // A text of the family's own (frb, log), or a gateway's command result.
@@ -1575,7 +1585,10 @@ int run_load(sim& s)
         std::fprintf(stderr, "vtsim: %llu datagrams could not be sent\n",
                      static_cast<unsigned long long>(s.send_errors.load()));
     std::fflush(stdout);
-    double rate = elapsed > 0 ? static_cast<double>(s.sent.load()) / elapsed : 0;
+    // The reports and everything else the device port got: what the
+    // daemon (or a bare receive loop) has to take in.
+    const uint64_t sent = s.sent.load() + s.to_daemon.load();
+    double rate = elapsed > 0 ? static_cast<double>(sent) / elapsed : 0;
     std::string extra;
     if (s.o.backup_port != 0)
         extra = " pings=" + std::to_string(s.pings.load()) +
@@ -1586,7 +1599,7 @@ int run_load(sim& s)
                  std::to_string(announcing ? drops_since(announce_drops_before, s.o.upgrade_port) : 0);
     extra += s.role_counters() + s.upgrade_counters();
     std::printf("sent=%llu answered=%llu lost=%lld rate=%.0f/s elapsed=%.3f%s\n",
-                static_cast<unsigned long long>(s.sent.load()), static_cast<unsigned long long>(s.answered.load()),
+                static_cast<unsigned long long>(sent), static_cast<unsigned long long>(s.answered.load()),
                 lost, rate, elapsed, extra.c_str());
     return 0;
 }

@@ -13,6 +13,7 @@
 #include "ipe_pool.h"
 #include "ipe_string.h"
 #include "jos_cmds.h"
+#include "metrics.h"
 
 namespace {
 
@@ -147,8 +148,22 @@ int gamecloud_ioctl(jos_cmdarg_t* ca)
     return jos_cmd_endreply(ca);
 }
 
+// Nodes known, and those whose state came within a gateway's silence limit.
+void gamecloud_counts(size_t* known, size_t* online)
+{
+    const uint32_t now = now32();
+    size_t silent = 0;
+    _gc.mtx.lock();
+    if (_gc.first() != nullptr)
+        _gc.each([&](const gamecloud_t* r) { silent += r->actime + 60 < now; });
+    *known = _gc.count();
+    _gc.mtx.unlock();
+    *online = *known - silent;
+}
+
 int gamecloud_minit(jos_kernel_t*)
 {
+    met_appliances("GAME", gamecloud_counts);
     return _gc.first() != nullptr ? 0 : _gc.init();
 }
 

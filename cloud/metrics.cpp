@@ -117,7 +117,8 @@ struct family_pool {
 };
 
 // Filled by module inits on the main thread before the endpoint starts.
-family_pool _pools[] = {{"VTR", "gateway", nullptr}, {"FRB", "frb", nullptr}, {"LOG", "log", nullptr}};
+family_pool _pools[] = {
+    {"VTR", "gateway", nullptr}, {"FRB", "frb", nullptr}, {"LOG", "log", nullptr}, {"GAME", "game", nullptr}};
 
 // One row per module and code seen; codes come from clients, so the table
 // is bounded and the rest shares the last row.

@@ -184,15 +184,21 @@ TEST(Metrics, ScrapeFollowsTraffic)
     ASSERT_TRUE(wait_until([&] { return d.cmd("cloud", 2050).text().find("device_total=3\n") != std::string::npos; },
                            10s));
     ASSERT_TRUE(d.db_settled());
+    // One of them is also a game node.
+    gw.send_result("tag=gamecloud_stat license_id12=GWMET0000001 enable=1 ipcnt=1");
+    ASSERT_TRUE(wait_until([&] { return !d.cmd("gamecloud", 2055, "page=1 limit=10").text().empty(); }, 10s));
 
     const std::map<std::string, double> want = {
         {R"(cloud_datagrams_received_total{family="gateway",type="status"})", 3},
+        {R"(cloud_datagrams_received_total{family="gateway",type="cmdarg"})", 1},
         {R"(cloud_datagrams_received_total{family="gateway",type="status2"})", 1},
         {R"(cloud_datagrams_dropped_total{family="gateway",type="status"})", 1},
         {R"(cloud_datagrams_received_total{family="other",type="other"})", 1},
         {R"(cloud_datagrams_dropped_total{family="other",type="other"})", 1},
         {R"(cloud_appliances_known{family="gateway"})", 3},
         {R"(cloud_appliances_online{family="gateway"})", 3},
+        {R"(cloud_appliances_known{family="game"})", 1},
+        {R"(cloud_appliances_online{family="game"})", 1},
         {R"(cloud_db_statements_queued)", 0},
     };
     auto after = parse(scrape(port.port));

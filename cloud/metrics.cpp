@@ -428,7 +428,7 @@ std::shared_ptr<collector> _collector;
 
 // "ADDR:PORT" for civetweb, "[ADDR]:PORT" for IPv6; "" for anything that is
 // not a numeric address (the text ends up in civetweb's option string).
-std::string listen_spec(const std::string& addr, int port)
+std::string listen_address(const std::string& addr, int port)
 {
     unsigned char bin[16];
     if (inet_pton(AF_INET, addr.c_str(), bin) == 1)
@@ -450,8 +450,8 @@ int metrics_minit(jos_kernel_t*)
     if (port == 0)
         return 0;
     const std::string bind = cloudconf_get("metrics_bind", "127.0.0.1");
-    const std::string spec = listen_spec(bind, static_cast<int>(port));
-    if (spec.empty()) {
+    const std::string where = listen_address(bind, static_cast<int>(port));
+    if (where.empty()) {
         std::printf("metrics: bad metrics_bind=%s, metrics off\n", bind.c_str());
         return 0;
     }
@@ -459,15 +459,15 @@ int metrics_minit(jos_kernel_t*)
                {"backup", cloudconf_int("backup_port", CLOUD_BACKUP_PORT)},
                {"upgrade", cloudconf_int("upgrade_port", CLOUD_UPGRADE_PORT)}}};
     try {
-        _exposer = std::make_unique<prometheus::Exposer>(spec, 1);
+        _exposer = std::make_unique<prometheus::Exposer>(where, 1);
     } catch (const std::exception& e) {
-        std::printf("metrics: cannot listen on %s (%s), metrics off\n", spec.c_str(), e.what());
+        std::printf("metrics: cannot listen on %s (%s), metrics off\n", where.c_str(), e.what());
         return 0;
     }
     _collector = std::make_shared<collector>();
     _exposer->RegisterCollectable(_collector);
     jos_mgmt_cmdhook = cmd_observe;
-    std::printf("metrics: listening on %s\n", spec.c_str());
+    std::printf("metrics: listening on %s\n", where.c_str());
     return 0;
 }
 

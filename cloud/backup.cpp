@@ -3,6 +3,7 @@
 // its configuration into the backup folder by SSH (or installs a package)
 // and reports back here. The scheduler and the watchdogs run every 3 s.
 #include "backup.h"
+#include "metrics.h"
 
 #include <arpa/inet.h>
 #include <dirent.h>
@@ -393,6 +394,9 @@ void backup_main(jos_thread_t* td)
         sockaddr_in from{};
         socklen_t flen = sizeof(from);
         ssize_t n = recvfrom(s, buf, 1023, 0, reinterpret_cast<sockaddr*>(&from), &flen);
+        if (n < 0)
+            continue;
+        met_job_dgram(true, buf, n);
         if (n < 8)
             continue;
         backup_dgram(buf, n, from);

@@ -161,6 +161,52 @@ void cmd_observe(const jos_cmdarg_t* ca, const char* module, uint64_t ns)
 }
 
 // ---------------------------------------------------------------------------
+// Datagrams of the job sockets, by socket and type.
+// ---------------------------------------------------------------------------
+
+struct job_kind {
+    const char* socket;
+    const char* type;
+};
+
+constexpr job_kind kJobKinds[] = {
+    {"backup", "ping"},        {"backup", "backup_ok"},  {"backup", "backup_named"}, {"backup", "backup_fail"},
+    {"backup", "appinfo"},     {"backup", "appupgrade"}, {"backup", "appup_log"},    {"backup", "echo"},
+    {"backup", "cmdarg"},      {"backup", "other"},      {"upgrade", "announce"},    {"upgrade", "progress"},
+    {"upgrade", "succ"},       {"upgrade", "fail"},      {"upgrade", "other"},
+};
+constexpr size_t kNJobKinds = sizeof(kJobKinds) / sizeof(kJobKinds[0]);
+
+// The row of kJobKinds of a datagram of type CODE on a job socket.
+size_t job_row(bool backup, uint16_t code)
+{
+    if (backup) {
+        switch (code) {
+        case VTR_PING: return 0;
+        case VTR_BACKUP_OK: return 1;
+        case VTR_BACKUP_NAMED: return 2;
+        case VTR_BACKUP_FAIL1:
+        case VTR_BACKUP_FAIL2: return 3;
+        case VTR_APPINFO: return 4;
+        case VTR_APPUPGRADE: return 5;
+        case VTR_APPUP_LOG: return 6;
+        case VTR_ECHO: return 7;
+        case VTR_CMDARG: return 8;
+        default: return 9;
+        }
+    }
+    switch (code) {
+    case VTR_UP_ANNOUNCE: return 10;
+    case VTR_UP_PROGRESS: return 11;
+    case VTR_UP_SUCC: return 12;
+    case VTR_UP_FAIL: return 13;
+    default: return 14;
+    }
+}
+
+std::atomic<uint64_t> _job_dgrams[kNJobKinds];
+
+// ---------------------------------------------------------------------------
 // Scrape-time readings of the process.
 // ---------------------------------------------------------------------------
 
@@ -348,8 +394,15 @@ private:
             const auto it = drops.find(p.port);
             add_value(sock, it != drops.end() ? it->second : 0, {{"socket", p.name}});
         }
+        auto job = family("cloud_job_datagrams_received_total",
+                          "Datagrams received on the gateways' backup and firmware-upgrade sockets, by type",
+                          MetricType::Counter);
+        for (size_t i = 0; i < kNJobKinds; i++)
+            add_value(job, static_cast<double>(_job_dgrams[i].load(std::memory_order_relaxed)),
+                      {{"socket", kJobKinds[i].socket}, {"type", kJobKinds[i].type}});
         out.push_back(std::move(rx));
         out.push_back(std::move(drop));
+        out.push_back(std::move(job));
         out.push_back(std::move(sock));
     }
 
@@ -509,6 +562,13 @@ void met_dgram(const char* buf, int len)
 void met_dgram_dropped(const char* buf, int len)
 {
     _dropped[dgram_kindof(buf, len)].fetch_add(1, std::memory_order_relaxed);
+}
+
+void met_job_dgram(bool backup, const char* buf, long len)
+{
+    const bool vtr = len >= 8 && std::memcmp(buf, "VTR", 3) == 0;
+    const uint16_t code = vtr ? reinterpret_cast<const cloud_hdr_t*>(buf)->type : 0;
+    _job_dgrams[job_row(backup, code)].fetch_add(1, std::memory_order_relaxed);
 }
 
 void met_appliances(const char* magic, met_countfn fn)

@@ -35,6 +35,10 @@ void met_dgram(const char* buf, int len);
 // names no appliance).
 void met_dgram_dropped(const char* buf, int len);
 
+// One datagram received on a job socket: the gateways' backup socket
+// (backup = true) or their firmware-upgrade socket; LEN bytes at BUF.
+void met_job_dgram(bool backup, const char* buf, long len);
+
 // A pool of appliances of the family whose datagrams start with MAGIC
 // ("VTR", "FRB", "LOG"): FN counts its records and those heard from
 // lately, under the pool's lock.

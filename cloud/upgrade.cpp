@@ -3,6 +3,7 @@
 // an appliance gets its order when it next announces itself, at most
 // download_max= at once, three tries, two hours in all.
 #include "upgrade.h"
+#include "metrics.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -230,6 +231,9 @@ void upgrade_main(jos_thread_t* td)
         sockaddr_in from{};
         socklen_t flen = sizeof(from);
         ssize_t n = recvfrom(s, buf, 1024, 0, reinterpret_cast<sockaddr*>(&from), &flen);
+        if (n < 0)
+            continue;
+        met_job_dgram(false, buf, n);
         if (n < 8 || std::memcmp(buf, "VTR", 3) != 0)
             continue;
         const uint32_t ip = ntohl(from.sin_addr.s_addr);

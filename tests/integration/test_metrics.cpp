@@ -19,7 +19,9 @@
 
 #include "daemon.h"
 #include "db.h"
+#include "backup.h"
 #include "gateway.h"
+#include "upgrade.h"
 
 namespace {
 
@@ -184,6 +186,24 @@ TEST(Metrics, ScrapeFollowsTraffic)
     ASSERT_TRUE(wait_until([&] { return d.cmd("cloud", 2050).text().find("device_total=3\n") != std::string::npos; },
                            10s));
     ASSERT_TRUE(d.db_settled());
+    // The job sockets: a ping to the backup socket, an announcement to the
+    // firmware-upgrade socket, and a stray datagram to each.
+    for (int port : {d.backup_port(), d.upgrade_port()}) {
+        test_gateway job(port);
+        cloud_ping_t p{};
+        std::memcpy(p.tag, "VTR", 4);
+        p.type = static_cast<uint16_t>(port == d.backup_port() ? int(VTR_PING) : int(VTR_UP_ANNOUNCE));
+        std::snprintf(p.license_id12, sizeof(p.license_id12), "GWMET0000001");
+        job.send(p);
+        job.send(junk, sizeof(junk));
+    }
+    ASSERT_TRUE(wait_until(
+        [&] {
+            auto m = parse(scrape(port.port));
+            return m[R"(cloud_job_datagrams_received_total{socket="upgrade",type="other"})"] == 1 &&
+                   m[R"(cloud_job_datagrams_received_total{socket="backup",type="other"})"] == 1;
+        },
+        10s));
     // One of them is also a game node.
     gw.send_result("tag=gamecloud_stat license_id12=GWMET0000001 enable=1 ipcnt=1");
     ASSERT_TRUE(wait_until([&] { return !d.cmd("gamecloud", 2055, "page=1 limit=10").text().empty(); }, 10s));
@@ -198,6 +218,8 @@ TEST(Metrics, ScrapeFollowsTraffic)
         {R"(cloud_appliances_known{family="gateway"})", 3},
         {R"(cloud_appliances_online{family="gateway"})", 3},
         {R"(cloud_appliances_known{family="game"})", 1},
+        {R"(cloud_job_datagrams_received_total{socket="backup",type="ping"})", 1},
+        {R"(cloud_job_datagrams_received_total{socket="upgrade",type="announce"})", 1},
         {R"(cloud_appliances_online{family="game"})", 1},
         {R"(cloud_db_statements_queued)", 0},
     };

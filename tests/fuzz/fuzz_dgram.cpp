@@ -3,7 +3,7 @@
 // "@N" moves the clock N seconds instead. Two devices are known before the
 // run. The clock moves 31 s per datagram and the silence scan sweeps the
 // pool after each, so devices fall silent and come back; when the first
-// byte's low three bits are 001 the disconnect notices (files named by the appliance's
+// byte's low five bits are 00001 the disconnect notices (files named by the appliance's
 // identifier) are written under the private root. An input that moves the
 // clock ends with one disconnect sweep, which records silent devices and
 // removes stale temporary ones.
@@ -36,9 +36,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     uint32_t now = 1700000000;
     // Notices (a file written and renamed each) and the sweep are slow: one
-    // input in eight turns the notices on, and only inputs that move the
-    // clock run the sweep.
-    fuzz::registry_reset(size > 0 && (data[0] & 7) == 1);
+    // input in thirty-two turns the notices on, and only inputs that move
+    // the clock run the sweep.
+    fuzz::registry_reset(size > 0 && (data[0] & 31) == 1);
     fuzz::set_clock(now);
     fuzz::feed_dgram(fuzz::status_report(VTR_STATUS, "GW0000000001", "V5.1 [9.2]", "gw one", "", 10, 100), 0x0a000001,
                      40000);

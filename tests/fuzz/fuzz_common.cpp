@@ -47,8 +47,12 @@ const std::string& make_root()
 {
     if (!_root.empty())
         return _root;
+    // In memory where the machine has it: the notices and keys the targets
+    // write are created and renamed thousands of times a second.
     const char* tmp = std::getenv("TMPDIR");
-    std::string templ = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/cloud-fuzz.XXXXXX";
+    std::error_code shm_ec;
+    const char* base = tmp != nullptr && *tmp != '\0' ? tmp : fs::is_directory("/dev/shm", shm_ec) ? "/dev/shm" : "/tmp";
+    std::string templ = std::string(base) + "/cloud-fuzz.XXXXXX";
     if (mkdtemp(templ.data()) == nullptr) {
         std::perror("mkdtemp");
         std::abort();

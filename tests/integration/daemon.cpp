@@ -75,18 +75,38 @@ daemon_proc::daemon_proc()
                                               "\nupgrade_port=" + std::to_string(upgrade_port_) + "\n");
 }
 
-int free_udp_port()
+int loopback_udp(uint16_t* port, const char* what)
 {
     int fd = socket(AF_INET, SOCK_DGRAM, 0);
     sockaddr_in sa{};
     sa.sin_family = AF_INET;
     sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t len = sizeof(sa);
-    if (bind(fd, reinterpret_cast<sockaddr*>(&sa), sizeof(sa)) != 0 ||
-        getsockname(fd, reinterpret_cast<sockaddr*>(&sa), &len) != 0)
-        throw std::runtime_error("no free UDP port");
-    close(fd);
-    return ntohs(sa.sin_port);
+    if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&sa), sizeof(sa)) != 0 ||
+        getsockname(fd, reinterpret_cast<sockaddr*>(&sa), &len) != 0) {
+        if (fd >= 0)
+            close(fd);
+        throw std::runtime_error(what);
+    }
+    *port = ntohs(sa.sin_port);
+    return fd;
+}
+
+void send_loopback(int fd, int port, const void* data, size_t len, const char* what)
+{
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    to.sin_port = htons(static_cast<uint16_t>(port));
+    if (sendto(fd, data, len, 0, reinterpret_cast<sockaddr*>(&to), sizeof(to)) != static_cast<ssize_t>(len))
+        throw std::runtime_error(what);
+}
+
+int free_udp_port()
+{
+    uint16_t port = 0;
+    close(loopback_udp(&port, "no free UDP port"));
+    return port;
 }
 
 daemon_proc::~daemon_proc()

@@ -68,6 +68,12 @@ private:
 
 // A free UDP port on loopback (bound once and released).
 int free_udp_port();
+// A UDP socket bound to loopback and an ephemeral port, which goes to
+// *PORT; throws naming WHAT when that fails.
+int loopback_udp(uint16_t* port, const char* what);
+// Sends LEN bytes from FD to the loopback PORT; throws naming WHAT when the
+// datagram does not leave whole.
+void send_loopback(int fd, int port, const void* data, size_t len, const char* what);
 
 // Polls COND until it holds or LIMIT passes.
 bool wait_until(const std::function<bool()>& cond, std::chrono::milliseconds limit);

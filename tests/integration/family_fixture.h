@@ -7,8 +7,10 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <initializer_list>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "daemon.h"
@@ -84,6 +86,34 @@ protected:
         box_->send(b);
         ASSERT_TRUE(wait_until([&] { return value(id, n) == want; }, std::chrono::seconds(5)))
             << b << "\nvalue " << n << " is " << value(id, n);
+    }
+    // The last digit of each listed row of an identifier starting with
+    // PREFIX, in printed order (every such row has the family's number of
+    // values), and the other lines of the listing.
+    std::pair<std::string, std::string> list_digits(const std::string& args, const std::string& prefix) const
+    {
+        std::string got, other;
+        for (const std::string& l : split(cmd(2055, args), '\n')) {
+            if (l.rfind(prefix, 0) == 0) {
+                EXPECT_EQ(split(l, ' ').size(), fam_.columns) << l;
+                got += l[11];
+            } else {
+                other += l + "\n";
+            }
+        }
+        return {got, other};
+    }
+    // 2057 for ID is taken without a reply; CODES are refused.
+    void expect_unsupported(const std::string& id, std::initializer_list<int> codes) const
+    {
+        auto accepted = d_.cmd(fam_.module, 2057, "license_id12=" + id);
+        EXPECT_EQ(accepted.rec.ca_errno, 0);
+        EXPECT_EQ(accepted.text(), "");
+        for (int code : codes) {
+            auto r = d_.cmd(fam_.module, code);
+            EXPECT_EQ(r.rec.ca_errno, 22) << code;
+            EXPECT_STREQ(r.rec.ca_errmsg, "NOT_SUPPORTED") << code;
+        }
     }
     // A full report of ID, handled.
     void full(const std::string& id) const { report(report_body(fam_.full_report(id)), id, fam_.id_col, id); }

@@ -9,17 +9,11 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "daemon.h"
+
 test_gateway::test_gateway(int daemon_port) : daemon_port_(daemon_port)
 {
-    fd_ = socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in sa{};
-    sa.sin_family = AF_INET;
-    sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof(sa);
-    if (bind(fd_, reinterpret_cast<sockaddr*>(&sa), sizeof(sa)) != 0 ||
-        getsockname(fd_, reinterpret_cast<sockaddr*>(&sa), &len) != 0)
-        throw std::runtime_error("gateway socket");
-    port_ = ntohs(sa.sin_port);
+    fd_ = loopback_udp(&port_, "gateway socket");
 }
 
 test_gateway::~test_gateway()
@@ -53,12 +47,7 @@ devinfo_recv_bps_t test_gateway::status(const std::string& id, uint16_t type)
 
 void test_gateway::send(const void* data, size_t len) const
 {
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    to.sin_port = htons(static_cast<uint16_t>(daemon_port_));
-    if (sendto(fd_, data, len, 0, reinterpret_cast<sockaddr*>(&to), sizeof(to)) != static_cast<ssize_t>(len))
-        throw std::runtime_error("gateway send");
+    send_loopback(fd_, daemon_port_, data, len, "gateway send");
 }
 
 void test_gateway::send_lnglat(const std::string& id, double lng, double lat) const
@@ -110,15 +99,7 @@ std::optional<std::string> test_gateway::command(int limit_ms) const
 test_appliance::test_appliance(int daemon_port, const char* magic) : daemon_port_(daemon_port)
 {
     std::memcpy(magic_, magic, 3);
-    fd_ = socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in sa{};
-    sa.sin_family = AF_INET;
-    sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof(sa);
-    if (bind(fd_, reinterpret_cast<sockaddr*>(&sa), sizeof(sa)) != 0 ||
-        getsockname(fd_, reinterpret_cast<sockaddr*>(&sa), &len) != 0)
-        throw std::runtime_error("appliance socket");
-    port_ = ntohs(sa.sin_port);
+    fd_ = loopback_udp(&port_, "appliance socket");
 }
 
 test_appliance::~test_appliance()
@@ -133,13 +114,7 @@ void test_appliance::send(const std::string& body) const
     d += static_cast<char>(body.size() & 0xff);
     d += static_cast<char>((body.size() >> 8) & 0xff);
     d += body;
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    to.sin_port = htons(static_cast<uint16_t>(daemon_port_));
-    if (sendto(fd_, d.data(), d.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof(to)) !=
-        static_cast<ssize_t>(d.size()))
-        throw std::runtime_error("appliance send");
+    send_loopback(fd_, daemon_port_, d.data(), d.size(), "appliance send");
 }
 
 std::optional<std::string> test_appliance::recv(int limit_ms) const

@@ -319,14 +319,7 @@ TEST_F(Frelbox, StatisticsRemoveSetAndUnsupported)
     EXPECT_EQ(l.substr(0, 13), "FRBCMD000001 ");
     EXPECT_LT(l.find("\nFRBCMD000004 "), l.find("\nFRBCMD000003 ")) << l;
 
-    auto accepted = d_.cmd("frelbox", 2057, "license_id12=FRBCMD000001");
-    EXPECT_EQ(accepted.rec.ca_errno, 0);
-    EXPECT_EQ(accepted.text(), "");
-    for (int code : {2048, 2051, 2054, 2056, 2058}) {
-        auto r = d_.cmd("frelbox", code);
-        EXPECT_EQ(r.rec.ca_errno, 22) << code;
-        EXPECT_STREQ(r.rec.ca_errmsg, "NOT_SUPPORTED") << code;
-    }
+    expect_unsupported("FRBCMD000001", {2048, 2051, 2054, 2056, 2058});
 }
 
 TEST_F(Frelbox, ListSortsSearchesFiltersAndPages)
@@ -406,15 +399,7 @@ TEST_F(Frelbox, ListSortsSearchesFiltersAndPages)
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.args);
-        std::string got, counts;
-        for (const std::string& l : split(cmd(2055, c.args), '\n')) {
-            if (l.rfind("FRBLIST0000", 0) == 0) {
-                EXPECT_EQ(split(l, ' ').size(), 27u) << l;
-                got += l[11];
-            } else {
-                counts += l + "\n";
-            }
-        }
+        auto [got, counts] = list_digits(c.args, "FRBLIST0000");
         EXPECT_EQ(got, c.ids);
         EXPECT_EQ(counts, c.counts);
     }

@@ -63,12 +63,7 @@ int cloud_sendarg(uint32_t ip, uint16_t port, const char* text)
     a.type = VTR_CMDARG;
     a.arglen = sizeof(cldarg_t);
     dg_copy(a.argstr, sizeof(a.argstr), text);
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_addr.s_addr = htonl(ip);
-    to.sin_port = htons(port);
-    ssize_t n = sendto(sock, &a, sizeof(a), 0, reinterpret_cast<sockaddr*>(&to), sizeof(to));
-    return n == static_cast<ssize_t>(sizeof(a)) ? 0 : -1;
+    return cloud_sendto(sock, &a, sizeof(a), ip, port);
 }
 
 void device_usragp_fileinfo(devlist_t* dev)

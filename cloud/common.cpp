@@ -815,6 +815,16 @@ int cloud_udp_bind(int port, int bytes, const char* who, const char* reuse_faile
     return s;
 }
 
+int cloud_sendto(int sock, const void* data, size_t len, uint32_t ip, uint16_t port)
+{
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_addr.s_addr = htonl(ip);
+    to.sin_port = htons(port);
+    ssize_t n = sendto(sock, data, len, 0, reinterpret_cast<sockaddr*>(&to), sizeof(to));
+    return n == static_cast<ssize_t>(len) ? 0 : -1;
+}
+
 void cloud_adduser()
 {
     write_adduser_script();

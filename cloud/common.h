@@ -110,6 +110,9 @@ int cloud_rcvbuf(int sock, int bytes, const char* who);
 // SO_REUSEPORT, as REUSE_FAILED or, when that is null, by perror (the
 // socket is used anyway).
 int cloud_udp_bind(int port, int bytes, const char* who, const char* reuse_failed);
+// Sends LEN bytes over SOCK to IP:PORT (host order): 0 when the whole
+// datagram left, else -1.
+int cloud_sendto(int sock, const void* data, size_t len, uint32_t ip, uint16_t port);
 
 void cloud_adduser();
 int upgrade_nginx_port();

@@ -97,12 +97,7 @@ int fam_sendtext(int sock, const char* magic, uint32_t ip, uint16_t port, const 
     size_t n = strnlen(text, sizeof(a.argstr) - 1);
     std::memcpy(a.argstr, text, n);
     a.arglen = static_cast<uint16_t>(n);
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_addr.s_addr = htonl(ip);
-    to.sin_port = htons(port);
-    ssize_t w = sendto(sock, &a, sizeof(a), 0, reinterpret_cast<sockaddr*>(&to), sizeof(to));
-    return w == static_cast<ssize_t>(sizeof(a)) ? 0 : -1;
+    return cloud_sendto(sock, &a, sizeof(a), ip, port);
 }
 
 fam_groups::fam_groups(const jos_cmd_args& a)

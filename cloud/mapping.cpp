@@ -163,11 +163,7 @@ void cloud_cmd_mapping(jos_cmdarg_t* ca, const char* license_id12, const char* m
     m.hostport = d->hostport;
     std::snprintf(m.licenseid12, sizeof(m.licenseid12), "%s", d->license_id12);
     std::memcpy(m.maphost, d->maphost, sizeof(m.maphost));
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_addr.s_addr = htonl(d->outip);
-    to.sin_port = htons(d->outport);
-    if (sendto(sock, &m, sizeof(m), 0, reinterpret_cast<sockaddr*>(&to), sizeof(to)) != static_cast<ssize_t>(sizeof(m)))
+    if (cloud_sendto(sock, &m, sizeof(m), d->outip, d->outport) != 0)
         std::puts("send error");
     cloud_devlist_tomysql(d, "update");
     _devpool.mtx.unlock();

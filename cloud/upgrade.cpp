@@ -80,11 +80,7 @@ std::string updatevtstatus_sql(int task_id, const char* id, int complete, const 
 
 void upgrade_send(const void* data, size_t len, uint32_t ip, uint16_t port)
 {
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_addr.s_addr = htonl(ip);
-    to.sin_port = htons(port);
-    sendto(_upgrade_sock, data, len, 0, reinterpret_cast<sockaddr*>(&to), sizeof(to));
+    cloud_sendto(_upgrade_sock, data, len, ip, port);
 }
 
 void upgrade_announce(const cloud_ping_t* p, uint32_t ip, uint16_t port)

@@ -242,8 +242,10 @@ void upgrade_main(jos_thread_t* td)
         }
             [[fallthrough]];
         case VTR_UP_PROGRESS:
-            upgrade_send("ok", 2, ip, port);
+            // Queued before the answer goes out: whoever reads the answer
+            // finds the report's statements counted in the writer's queue.
             upgrade_logupdate(reinterpret_cast<const cloud_upgrade_log_t*>(buf));
+            upgrade_send("ok", 2, ip, port);
             break;
         case VTR_UP_ANNOUNCE:
             upgrade_announce(reinterpret_cast<const cloud_ping_t*>(buf), ip, port);

@@ -171,6 +171,9 @@ enum { F_ID, F_GRP, F_CPURATE, F_CPU, F_BOARD, F_MEM, F_BOOT, F_NAME, F_VER, F_B
 enum { L_ID, L_GRP, L_BOOT, L_NAME, L_VER, L_START, L_END, L_BPS, L_OUTIP, L_OUTPORT, L_ACTIME, L_ADDR, L_LNG,
        L_LAT, L_NAME2, L_COUNT };
 
+// Names the case in test listings (stable across builds, unlike its address).
+inline void PrintTo(const family_case* c, std::ostream* os) { *os << c->module; }
+
 inline const family_case kFrbCase = {"FRB", "frelbox", "frelbox_list", "frelbox_discon", frb_full_report,
                                      F_ID,  F_NAME,    F_ACTIME,       F_COUNT,          30000,
                                      "bdw", F_BDW};

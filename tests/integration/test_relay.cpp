@@ -22,6 +22,8 @@ struct relay_names {
     const char* status_tag;
     bool report_sets_time;
 };
+// Names the case in test listings (stable across builds, unlike its bytes).
+void PrintTo(const relay_names& n, std::ostream* os) { *os << n.module; }
 
 class Relay : public ::testing::TestWithParam<relay_names> {
 protected:

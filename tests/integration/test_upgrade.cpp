@@ -79,11 +79,12 @@ protected:
         g_->send(l);
         return g_->command().value_or("none");
     }
-    // The order the announcement got, or "" when none came.
-    std::string order(const std::string& id) const
+    // The order the announcement got, or "" when none came within WAIT_MS
+    // (short where none is expected).
+    std::string order(const std::string& id, int wait_ms = 3000) const
     {
         announce(id);
-        auto o = g_->command(300);
+        auto o = g_->command(wait_ms);
         if (!o.has_value() || o->size() != sizeof(cloud_upgradeinfo_t))
             return "";
         cloud_upgradeinfo_t u;
@@ -134,7 +135,7 @@ TEST_F(Upgrade, AdmissionByStartTimeAndLimit)
 
     EXPECT_EQ(order("UPA000000001"), "10011 7 UPA000000001 fw-9.3.bin 80");
     EXPECT_EQ(order("UPA000000002"), "10011 7 UPA000000002 fw-9.3.bin 80");
-    EXPECT_EQ(order("UPA000000003"), "");  // two in flight: waits
+    EXPECT_EQ(order("UPA000000003", 300), "");  // two in flight: waits
     EXPECT_EQ(stat(2050), "upgrading_num=2\nupgrading_max=2\n");
     EXPECT_NE(stat(2055).find("UPA000000001 0 0 0 1 \n"), std::string::npos);
 
@@ -179,7 +180,7 @@ TEST_F(Upgrade, ThreeTriesThenFailed)
     pass();
     EXPECT_EQ(row("UPB000000001"), "3|" + hex("flash 'error' 3") + "|");
     EXPECT_EQ(stat(2050), "upgrading_num=-1\nupgrading_max=2\n");
-    EXPECT_EQ(order("UPB000000001"), "");
+    EXPECT_EQ(order("UPB000000001", 300), "");
 }
 
 TEST_F(Upgrade, TwoHourGiveUpAndFiveMinuteExpiry)
